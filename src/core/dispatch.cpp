@@ -1,0 +1,193 @@
+#include "dispatch.hpp"
+
+#include <charconv>
+#include <initializer_list>
+
+#include "server.hpp"
+
+namespace tondrel {
+
+std::string escapeQueryValue(std::string_view value) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  static constexpr std::string_view kPlain = "-._~!$'()*,;=:@/?";
+  std::string escaped;
+  escaped.reserve(value.size());
+  for (unsigned char c : value) {
+    if (std::isalnum(c) && c < 0x80) escaped.push_back(static_cast<char>(c));
+    else if (kPlain.find(static_cast<char>(c)) != std::string_view::npos) escaped.push_back(static_cast<char>(c));
+    else escaped.append({'%', kHex[c >> 4], kHex[c & 0xF]});
+  }
+  return escaped;
+}
+
+namespace {
+
+using simdjson::dom::element;
+using simdjson::dom::element_type;
+
+std::string missing(std::string_view key) { return "missing argument '" + std::string(key) + "'"; }
+
+// One request to the editor, as a tool's branch describes it: arguments are read
+// and checked first, and nothing is sent until the branch has finished.
+class Request {
+ public:
+  Request(const Members& args, std::string& body) : args_(args), body_(body), json_(body) { body_.clear(); }
+
+  // A required non-empty string.
+  std::string_view string(std::string_view key) const {
+    auto text = args_.string(key);
+    if (!text || text->empty()) throw ProxyError::badArguments(missing(key));
+    return *text;
+  }
+  // A required value of one JSON kind (an array or an object), possibly empty.
+  element structured(std::string_view key, element_type kind) const {
+    auto value = args_[key];
+    if (!value || value->type() != kind) throw ProxyError::badArguments(missing(key));
+    return *value;
+  }
+  // A non-empty string, or nothing for any other value.
+  std::optional<std::string_view> optionalString(std::string_view key) const {
+    auto text = args_.string(key);
+    return text && !text->empty() ? text : std::nullopt;
+  }
+  bool isTrue(std::string_view key) const {
+    auto value = args_[key];
+    return value && value->is_bool() && bool(*value);
+  }
+
+  Request& to(std::string_view method, std::string_view path) {
+    method_ = method;
+    path_ = path;
+    return *this;
+  }
+  // The body is an object of the fields that follow, {} when none does.
+  Request& object() {
+    json_.beginObject();
+    open_ = hasBody_ = true;
+    return *this;
+  }
+  Request& body(element value) {
+    json_.value(value);
+    hasBody_ = true;
+    return *this;
+  }
+  Request& field(std::string_view key, std::string_view value) {
+    json_.member(key, value);
+    return *this;
+  }
+  Request& field(std::string_view key, std::optional<std::string_view> value) {
+    return value ? field(key, *value) : *this;
+  }
+  Request& field(std::string_view key, element value) {
+    json_.member(key, value);
+    return *this;
+  }
+  // Each key present is copied unchanged, whatever its kind, null included.
+  Request& forward(std::initializer_list<std::string_view> keys) {
+    for (auto key : keys)
+      if (auto value = args_[key]) field(key, *value);
+    return *this;
+  }
+  Request& pathQuery(std::string_view path) {
+    path_ += "?path=";
+    path_ += escapeQueryValue(path);
+    return *this;
+  }
+  // "&key=" and the value's plain text, when the key is present; not escaped.
+  Request& query(std::string_view key) {
+    auto value = args_[key];
+    if (!value) return *this;
+    (path_ += '&').append(key) += '=';
+    if (auto text = value->get_string(); !text.error()) {
+      path_ += text.value_unsafe();
+    } else if (value->is_double()) {
+      char digits[32];
+      path_.append(digits, std::to_chars(digits, digits + sizeof digits, double(*value)).ptr);
+    } else {
+      JsonWriter(path_).value(*value);
+    }
+    return *this;
+  }
+  Request& image(std::string_view caption) {
+    caption_ = caption;
+    return *this;
+  }
+
+  ToolResult send(const Transport& transport) {
+    if (open_) json_.endObject();
+    APIResponse response = transport(method_, path_, hasBody_ ? std::optional<std::string_view>(body_) : std::nullopt);
+    return caption_.empty() ? textResult(std::move(response)) : imageResult(std::move(response), std::string(caption_));
+  }
+
+ private:
+  const Members& args_;
+  std::string& body_;
+  JsonWriter json_;
+  std::string_view method_;
+  std::string path_;
+  std::string_view caption_;
+  bool hasBody_ = false, open_ = false;
+};
+
+struct Tool {
+  std::string_view name;
+  void (*branch)(Request&);
+};
+
+constexpr auto kArray = element_type::ARRAY;
+constexpr auto kObject = element_type::OBJECT;
+
+// Each tool's one request, in catalogue order: method, path, body, and how its
+// arguments are read.
+const Tool kTools[] = {
+    {"tondrel_state", [](Request& r) { r.to("GET", "/v1/state"); }},
+    {"tondrel_document", [](Request& r) { r.to("GET", "/v1/document"); }},
+    {"tondrel_help", [](Request& r) { r.to("GET", "/v1/help"); }},
+    {"tondrel_edit",
+     [](Request& r) {
+       auto ops = r.structured("ops", kArray);
+       r.to("POST", "/v1/edit").object().field("ops", ops).field("label", r.optionalString("label"));
+     }},
+    {"tondrel_replace_document",
+     [](Request& r) {
+       auto document = r.structured("document", kObject);
+       r.to("PUT", r.isTrue("save") ? "/v1/document?save=1" : "/v1/document").body(document);
+     }},
+    {"tondrel_open", [](Request& r) { r.to("POST", "/v1/open").object().field("path", r.string("path")); }},
+    {"tondrel_import",
+     [](Request& r) { r.to("POST", "/v1/import").object().field("path", r.string("path")).forward({"track", "at"}); }},
+    {"tondrel_export",
+     [](Request& r) {
+       r.to("POST", "/v1/export").object().field("path", r.string("path"));
+       r.forward({"format", "sampleRate", "bitDepth", "bitRateKbps", "channels", "normalization", "range", "stems"});
+     }},
+    {"tondrel_transport",
+     [](Request& r) {
+       r.to("POST", "/v1/transport").object().field("action", r.string("action")).forward({"time", "range"});
+     }},
+    {"tondrel_select",
+     [](Request& r) { r.to("POST", "/v1/select").object().forward({"clips", "track", "range", "fit"}); }},
+    {"tondrel_undo", [](Request& r) { r.to("POST", "/v1/undo"); }},
+    {"tondrel_redo", [](Request& r) { r.to("POST", "/v1/redo"); }},
+    {"tondrel_save", [](Request& r) { r.to("POST", "/v1/save").object().field("path", r.optionalString("path")); }},
+    {"tondrel_snapshot", [](Request& r) { r.to("GET", "/v1/snapshot.png").image("Snapshot of the Tondrel window."); }},
+    {"tondrel_waveform", [](Request& r) { r.to("GET", "/v1/waveform").pathQuery(r.string("path")).query("bins"); }},
+    {"tondrel_silences",
+     [](Request& r) {
+       r.to("GET", "/v1/silences").pathQuery(r.string("path")).query("thresholdDB").query("minDuration");
+     }},
+};
+
+}  // namespace
+
+ToolResult TondrelMCPServer::callTool(std::string_view name, const Members& args) {
+  for (const Tool& tool : kTools) {
+    if (tool.name != name) continue;
+    Request request(args, body_);
+    tool.branch(request);
+    return request.send(transport_);
+  }
+  throw ProxyError::badArguments("unknown tool " + std::string(name));
+}
+
+}  // namespace tondrel

@@ -1,0 +1,101 @@
+// JSON in and out. Lines are read with simdjson's DOM parser; everything we send
+// (responses and request bodies) is written by JsonWriter straight into one
+// output buffer, from parsed values or from values built in code.
+#pragma once
+
+#include <simdjson.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tondrel {
+
+// Compact JSON: no blanks, "/" plain, members in the order written. Strings must
+// be valid UTF-8 except where a method says it repairs them.
+class JsonWriter {
+ public:
+  explicit JsonWriter(std::string& out) : out_(out) {}
+
+  JsonWriter& beginObject();
+  JsonWriter& endObject();
+  JsonWriter& beginArray();
+  JsonWriter& endArray();
+  JsonWriter& key(std::string_view name);
+
+  JsonWriter& string(std::string_view text);
+  // Writes bytes of any origin as a string, each invalid UTF-8 sequence as U+FFFD.
+  JsonWriter& lossyString(std::string_view bytes);
+  // Writes the standard base64 (with padding, no line breaks) of bytes as a string.
+  JsonWriter& base64String(std::string_view bytes);
+  JsonWriter& number(std::int64_t value);
+  JsonWriter& number(std::uint64_t value);
+  // Shortest text that reads back as the same double, and still reads as a
+  // fractional number: 2.0 is written "2.0", never "2".
+  JsonWriter& number(double value);
+  JsonWriter& boolean(bool value);
+  JsonWriter& null();
+  // A parsed value, written unchanged: kinds of numbers and member order kept.
+  JsonWriter& value(simdjson::dom::element element);
+  // Text that is already one complete JSON value.
+  JsonWriter& raw(std::string_view json);
+
+  // Convenience for the common "key":value member.
+  template <typename T>
+  JsonWriter& member(std::string_view name, T&& v) {
+    key(name);
+    return write(std::forward<T>(v));
+  }
+
+ private:
+  JsonWriter& write(std::string_view s) { return string(s); }
+  JsonWriter& write(const char* s) { return string(s); }
+  JsonWriter& write(bool b) { return boolean(b); }
+  JsonWriter& write(int v) { return number(static_cast<std::int64_t>(v)); }
+  JsonWriter& write(std::int64_t v) { return number(v); }
+  JsonWriter& write(simdjson::dom::element e) { return value(e); }
+
+  void separate() {
+    if (needComma_) out_.push_back(',');
+    needComma_ = true;
+  }
+  void quoted(std::string_view text);
+
+  std::string& out_;
+  bool needComma_ = false;
+};
+
+// The bytes as UTF-8: returned unchanged when valid, otherwise repaired into
+// scratch with U+FFFD for each invalid sequence.
+std::string_view decodeUtf8(std::string_view bytes, std::string& scratch);
+
+// Strips Unicode white space (category Z, U+0009..U+000D, U+0085) from both ends
+// of valid UTF-8 text.
+std::string_view trimWhitespace(std::string_view text);
+
+// Members of a parsed object, read by key; an absent object reads as empty.
+class Members {
+ public:
+  Members() = default;
+  explicit Members(std::optional<simdjson::dom::element> element) {
+    simdjson::dom::object object;
+    if (element && element->get_object().get(object) == simdjson::SUCCESS) object_ = object;
+  }
+  std::optional<simdjson::dom::element> operator[](std::string_view key) const {
+    simdjson::dom::element found;
+    if (!object_ || (*object_)[key].get(found) != simdjson::SUCCESS) return std::nullopt;
+    return found;
+  }
+  std::optional<std::string_view> string(std::string_view key) const {
+    std::string_view text;
+    auto found = (*this)[key];
+    if (!found || found->get_string().get(text) != simdjson::SUCCESS) return std::nullopt;
+    return text;
+  }
+
+ private:
+  std::optional<simdjson::dom::object> object_;
+};
+
+}  // namespace tondrel

@@ -1,0 +1,293 @@
+#include "json.hpp"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <random>
+#include <string>
+
+using namespace tondrel;
+namespace dom = simdjson::dom;
+
+namespace {
+
+std::string write(const std::function<void(JsonWriter&)>& build) {
+  std::string out;
+  JsonWriter writer(out);
+  build(writer);
+  return out;
+}
+
+// Kinds, member order and doubles bit for bit: what a reader of our output could tell apart.
+bool same(dom::element a, dom::element b) {
+  using Kind = dom::element_type;
+  if (a.type() != b.type()) return false;
+  if (a.type() == Kind::ARRAY) {
+    dom::array x(a), y(b);
+    if (x.size() != y.size()) return false;
+    for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j)
+      if (!same(*i, *j)) return false;
+    return true;
+  }
+  if (a.type() == Kind::OBJECT) {
+    dom::object x(a), y(b);
+    if (x.size() != y.size()) return false;
+    for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j)
+      if (i.key() != j.key() || !same(i.value(), j.value())) return false;
+    return true;
+  }
+  if (a.type() == Kind::DOUBLE)
+    return std::bit_cast<std::uint64_t>(double(a)) == std::bit_cast<std::uint64_t>(double(b));
+  if (a.type() == Kind::STRING) return std::string_view(a) == std::string_view(b);
+  if (a.type() == Kind::UINT64) return std::uint64_t(a) == std::uint64_t(b);
+  if (a.type() == Kind::INT64) return std::int64_t(a) == std::int64_t(b);
+  return a.type() == Kind::NULL_VALUE || bool(a) == bool(b);
+}
+
+// Writes reference JSON text by hand, so the writer is checked against something it did not produce.
+struct Generator {
+  std::mt19937 rng{20240611};
+  int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); }
+  std::string blank() { return pick(4) ? "" : " \n\t"; }
+
+  std::string stringText() {
+    static const char* const kPieces[] = {"\\\"",    "\\\\", "\\/", "/", "\\b",  "\\f",     "\\n",
+                                          "\\r",     "\\t",  "ab",  " ", "\x7f", "\\u00e9", "\\ud83d\\ude00",
+                                          "\\uFFFF", "é€😀"};
+    std::string s = "\"";
+    for (int n = pick(14); n-- > 0;) {
+      char control[8];
+      std::snprintf(control, sizeof control, "\\u%04X", pick(0x20));
+      s += pick(3) ? kPieces[pick(std::size(kPieces))] : control;
+    }
+    return s + "\"";
+  }
+
+  std::string numberText() {
+    static const char* const kEdges[] = {
+        "0",   "-0",   "0.1",  "5e-324", "1.7976931348623157e308",   "-0.0",
+        "2.0", "1e21", "1e-7", "0.15",   "-2.2250738585072014e-308", "123456789012345680000.0",
+        "1E2"};
+    int kind = pick(5);
+    if (kind == 0) return kEdges[pick(std::size(kEdges))];
+    if (kind == 1)
+      return std::to_string(pick(3) ? std::int64_t(rng() << 32 | rng()) : pick(2) ? INT64_MIN : INT64_MAX);
+    if (kind == 2)
+      return std::to_string(pick(3) ? std::uint64_t(rng()) << 32 | rng() | 1ULL << 63 : UINT64_MAX);
+    if (kind == 3) return std::to_string(pick(1000000000)) + ".0";
+    double d;
+    do d = std::bit_cast<double>(std::uint64_t(rng()) << 32 | rng());
+    while (!std::isfinite(d));
+    char text[40];
+    std::snprintf(text, sizeof text, "%.17e", pick(2) ? d : pick(100000) / 1000.0);
+    return text;
+  }
+
+  std::string valueText(int depth) {
+    int kind = pick(depth > 3 ? 4 : 6);
+    if (kind == 0) return pick(3) ? stringText() : pick(2) ? "null" : pick(2) ? "true" : "false";
+    if (kind < 4) return kind == 1 ? stringText() : numberText();
+    // Appended piece by piece: GCC 12 warns falsely (-Wrestrict) on long chains of +.
+    std::string s(kind == 4 ? "[" : "{");
+    for (int n = pick(5); n-- > 0;) {
+      if (s.size() > 1) s += ',';
+      s += blank();
+      if (kind != 4) s.append(stringText()).append(blank()).append(":");
+      s += valueText(depth + 1);
+    }
+    s += blank();
+    s += kind == 4 ? "]" : "}";
+    return s;
+  }
+};
+
+
+}  // namespace
+
+TEST(JsonWriter, RewritesGeneratedValuesWithTheSameKindsAndValues) {
+  Generator generator;
+  dom::parser referenceParser, outputParser;
+  for (int n = 0; n < 400; ++n) {
+    std::string reference = generator.valueText(0);
+    dom::element parsed, reread;
+    ASSERT_EQ(referenceParser.parse(reference).get(parsed), simdjson::SUCCESS) << reference;
+    std::string out = write([&](JsonWriter& w) { w.value(parsed); });
+    ASSERT_EQ(outputParser.parse(out).get(reread), simdjson::SUCCESS) << reference << "\n" << out;
+    EXPECT_TRUE(same(parsed, reread)) << reference << "\n" << out;
+    EXPECT_EQ(write([&](JsonWriter& w) { w.value(reread); }), out);
+    std::string minified(out.size(), '\0');
+    std::size_t length = 0;
+    ASSERT_EQ(simdjson::minify(out.data(), out.size(), minified.data(), length), simdjson::SUCCESS);
+    EXPECT_EQ(minified.substr(0, length), out) << "not compact";
+  }
+}
+
+TEST(JsonWriter, WritesDoublesAsShortestFractionalText) {
+  std::mt19937_64 rng(7);
+  for (int n = 0; n < 3000; ++n) {
+    double d = std::bit_cast<double>(rng());
+    if (n % 2) d = double(rng() % 100000000) / double(1 + rng() % 1000);
+    if (n == 0) d = 0x1p60;
+    if (!std::isfinite(d)) continue;
+    std::string text = write([&](JsonWriter& w) { w.number(d); });
+    EXPECT_NE(text.find_first_of(".e"), std::string::npos) << text;
+    EXPECT_EQ(std::bit_cast<std::uint64_t>(std::strtod(text.c_str(), nullptr)),
+              std::bit_cast<std::uint64_t>(d))
+        << text;
+    // No exponent form that reads back as d may be shorter (the ".0" aside): a
+    // whole number such as 2^60 may come in all its digits, as they are no longer.
+    std::string bare = text.ends_with(".0") ? text.substr(0, text.size() - 2) : text;
+    for (int precision = 0; precision < 17; ++precision) {
+      char shorter[40];
+      std::snprintf(shorter, sizeof shorter, "%.*e", precision, d);
+      if (std::strtod(shorter, nullptr) != d) continue;
+      EXPECT_LE(bare.size(), std::strlen(shorter)) << text << " could be " << shorter;
+      break;
+    }
+  }
+}
+
+TEST(JsonWriter, WritesExactBytes) {
+  struct Case {
+    std::string input, expected;
+  } cases[] = {
+      {R"("a\/b")", R"("a/b")"},
+      {R"("\u0001\u001F\u0000")", R"("\u0001\u001f\u0000")"},
+      {R"("\b\f\n\r\t\"\\")", R"("\b\f\n\r\t\"\\")"},
+      {"\"\x7f\"", "\"\x7f\""},
+      {R"("\u00e9\ud83d\ude00")", "\"é😀\""},
+      {R"("0123456789abcdef\n0123456\u00017")", R"("0123456789abcdef\n0123456\u00017")"},
+      {"2.0", "2.0"},
+      {"-0.0", "-0.0"},
+      {"0.15", "0.15"},
+      {"1E2", "100.0"},
+      {"1e21", "1e+21"},
+      {"5e-324", "5e-324"},
+      {"18446744073709551615", "18446744073709551615"},
+      {"-9223372036854775808", "-9223372036854775808"},
+      {R"( { "b" : 1 , "a" : [ true , false , null ] } )", R"({"b":1,"a":[true,false,null]})"},
+      {R"([{},[],{"a":{}},[[]]])", R"([{},[],{"a":{}},[[]]])"},
+      {R"({"k":1,"k":2})", R"({"k":1,"k":2})"},
+  };
+  dom::parser parser;
+  for (const Case& c : cases) {
+    dom::element parsed;
+    ASSERT_EQ(parser.parse(c.input).get(parsed), simdjson::SUCCESS) << c.input;
+    EXPECT_EQ(write([&](JsonWriter& w) { w.value(parsed); }), c.expected) << c.input;
+  }
+  EXPECT_EQ(write([](JsonWriter& w) {
+              w.beginObject().member("s", "a\"b").member("v", std::string_view("x\0y", 3)).member("t", true);
+              w.member("i", -5).member("l", std::int64_t{1} << 40).key("u").number(UINT64_MAX);
+              w.key("d").number(0.5).key("n").number(std::nan("")).key("a").beginArray().null();
+              w.beginObject().endObject().base64String("f").raw("[1]").lossyString("\xff").endArray();
+              w.endObject();
+            }),
+            R"({"s":"a\"b","v":"x\u0000y","t":true,"i":-5,"l":1099511627776,"u":18446744073709551615,)"
+            R"("d":0.5,"n":null,"a":[null,{},"Zg==",[1],")"
+            "\xEF\xBF\xBD\"]}");
+}
+
+TEST(Utf8, RepairsEachMaximalInvalidSubpartWithOneReplacement) {
+  const std::string r = "\xEF\xBF\xBD";
+  struct Case {
+    std::string input, expected;
+  } cases[] = {
+      {"", ""},
+      {"plain é € 😀 \x7f", "plain é € 😀 \x7f"},
+      {"\xED\x9F\xBF\xEE\x80\x80\xF4\x8F\xBF\xBF", "\xED\x9F\xBF\xEE\x80\x80\xF4\x8F\xBF\xBF"},
+      {"\x80", r},
+      {"\xBF\x80", r + r},
+      {"\xC0\x80", r + r},
+      {"\xC1\xBF", r + r},
+      {"\xC2", r},
+      {"\xC2z", r + "z"},
+      {"\xE0\x80\x80", r + r + r},
+      {"\xE0\xA0", r},
+      {"\xED\xA0\x80", r + r + r},
+      {"\xEF\xBF", r},
+      {"\xF0\x9F\x98", r},
+      {"a\xF0\x9F\x98z", "a" + r + "z"},
+      {"\xF0\x9F\x98\xF0\x9F\x98\x80", r + "😀"},
+      {"\xF0\x80\x80\x80", r + r + r + r},
+      {"\xF4\x90\x80\x80", r + r + r + r},
+      {"\xF5\x80", r + r},
+      {"\xFE\xFF", r + r},
+      {"a\xF1\x80\x80\xE1\x80\xC2g\x80h\x80\xBFi", "a" + r + r + r + "g" + r + "h" + r + r + "i"},
+      {std::string(70, 'x') + "\xFFy", std::string(70, 'x') + r + "y"},
+  };
+  for (const Case& c : cases) {
+    std::string scratch;
+    EXPECT_EQ(decodeUtf8(c.input, scratch), c.expected) << c.input;
+    EXPECT_EQ(write([&](JsonWriter& w) { w.lossyString(c.input); }), "\"" + c.expected + "\"") << c.input;
+  }
+  std::string valid = "already valid", scratch;
+  EXPECT_EQ(decodeUtf8(valid, scratch).data(), valid.data()) << "valid text is returned, not copied";
+}
+
+TEST(JsonWriter, WritesStandardBase64) {
+  std::pair<std::string, std::string> vectors[] = {{"", ""},
+                                                   {"f", "Zg=="},
+                                                   {"fo", "Zm8="},
+                                                   {"foo", "Zm9v"},
+                                                   {"foob", "Zm9vYg=="},
+                                                   {"fooba", "Zm9vYmE="},
+                                                   {"foobar", "Zm9vYmFy"}};
+  for (const auto& [input, expected] : vectors)
+    EXPECT_EQ(write([&](JsonWriter& w) { w.base64String(input); }), "\"" + expected + "\"") << input;
+
+  const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string bytes;
+  for (int i = 0; i < 256; ++i) bytes += char(i);
+  for (std::size_t n : {bytes.size(), bytes.size() - 1, bytes.size() - 2}) {
+    std::string input = bytes.substr(bytes.size() - n);
+    std::string text = write([&](JsonWriter& w) { w.base64String(input); });
+    ASSERT_EQ(text.size(), (n + 2) / 3 * 4 + 2);
+    std::string decoded;
+    std::uint32_t bits = 0;
+    int count = 0;
+    for (char c : text.substr(1, text.size() - 2)) {
+      if (c == '=') break;
+      ASSERT_NE(alphabet.find(c), std::string::npos) << c;
+      bits = bits << 6 | std::uint32_t(alphabet.find(c));
+      if ((count += 6) >= 8) decoded += char(bits >> (count -= 8));
+    }
+    EXPECT_EQ(decoded, input);
+  }
+}
+
+TEST(TrimWhitespace, StripsUnicodeWhitespaceFromBothEnds) {
+  std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {" \t\n\v\f\rhello  world\r\n ", "hello  world"},
+      {"\u00A0x\u00A0", "x"},
+      {"\u2028x\u2029", "x"},
+      {"\u3000x\u3000", "x"},
+      {"\u0085x\u0085", "x"},
+      {"\u1680\u2000\u200A\u202F\u205Fx\u205F\u202F\u200A\u2000\u1680", "x"},
+      {" \u3000\u00A0\t\u0085", ""},
+      {"\u200Bx\u200B", "\u200Bx\u200B"},
+      {"\uFEFFx\uFEFF", "\uFEFFx\uFEFF"},
+      {"\x1F\x08x\x0E", "\x1F\x08x\x0E"},
+      {"\u180Ex\u180E", "\u180Ex\u180E"},
+      {"\u0120x\u0145\u4E00", "\u0120x\u0145\u4E00"},
+      {" 😀\u3000é ", "😀\u3000é"},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(trimWhitespace(input), expected) << input;
+}
+
+TEST(Members, ReadsObjectMembersAndTreatsEverythingElseAsEmpty) {
+  dom::parser parser;
+  dom::element doc = parser.parse(std::string(R"({"name":"x","count":3,"list":[{"a":"b"}]})"));
+  Members members(doc);
+  EXPECT_EQ(members.string("name"), "x");
+  EXPECT_EQ(std::int64_t(*members["count"]), 3);
+  EXPECT_FALSE(members["missing"]);
+  EXPECT_FALSE(members.string("count"));
+  EXPECT_FALSE(Members(members["list"])["a"]);
+  EXPECT_FALSE(Members(members["missing"]).string("name"));
+  EXPECT_FALSE(Members().string("name"));
+}

@@ -1,0 +1,69 @@
+#include "process.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace tondrel::test {
+
+Finished runServer(std::string_view input, const std::vector<std::string>& environment) {
+  std::vector<std::string> entries(environment);
+  for (char** entry = environ; *entry; ++entry) entries.emplace_back(*entry);  // ours win: first found
+  std::vector<char*> envp;
+  for (auto& entry : entries) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+
+  int in[2], out[2], err[2];
+  if (::pipe(in) || ::pipe(out) || ::pipe(err)) throw std::runtime_error("pipe");
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::dup2(in[0], 0), ::dup2(out[1], 1), ::dup2(err[1], 2);
+    for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) ::close(fd);
+    char binary[] = TONDREL_MCP_BINARY;
+    char* argv[] = {binary, nullptr};
+    ::execve(binary, argv, envp.data());
+    ::_exit(127);
+  }
+  ::close(in[0]), ::close(out[1]), ::close(err[1]);
+  ::signal(SIGPIPE, SIG_IGN);
+  ::fcntl(in[1], F_SETFL, O_NONBLOCK);
+
+  Finished finished;
+  std::size_t written = 0;
+  if (input.empty()) ::close(in[1]), in[1] = -1;
+  char chunk[1 << 16];
+  while (out[0] >= 0 || err[0] >= 0) {
+    pollfd fds[] = {{in[1], POLLOUT, 0}, {out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    ::poll(fds, 3, -1);
+    if (in[1] >= 0 && fds[0].revents) {
+      ssize_t n = ::write(in[1], input.data() + written, input.size() - written);
+      if (n > 0) written += n;
+      if (n < 0 || written == input.size()) ::close(in[1]), in[1] = -1;
+    }
+    struct Stream {
+      short revents;
+      int* fd;
+      std::string* sink;
+    };
+    for (Stream s : {Stream{fds[1].revents, &out[0], &finished.out}, Stream{fds[2].revents, &err[0], &finished.err}}) {
+      if (*s.fd < 0 || !s.revents) continue;
+      ssize_t n = ::read(*s.fd, chunk, sizeof chunk);
+      if (n > 0) s.sink->append(chunk, n);
+      else ::close(*s.fd), *s.fd = -1;
+    }
+  }
+  if (in[1] >= 0) ::close(in[1]);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return finished;
+}
+
+}  // namespace tondrel::test

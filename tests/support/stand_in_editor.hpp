@@ -1,0 +1,76 @@
+// Stand-ins for the editor on loopback: one that speaks HTTP and records every
+// request, and one that speaks raw bytes for faults no real server commits.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tondrel::test {
+
+struct RecordedRequest {
+  std::string method;
+  std::string target;  // path and query, as sent
+  std::map<std::string, std::string> headers;  // names in lower case
+  std::string body;
+};
+
+struct CannedAnswer {
+  int status = 200;
+  std::string body = R"({"ok":true})";
+  std::string contentType = "application/json";
+};
+
+class StandInEditor {
+ public:
+  StandInEditor();
+  ~StandInEditor();
+
+  int port() const { return port_; }
+  std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  void answer(CannedAnswer answer);
+  std::vector<RecordedRequest> requests() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+  int port_ = 0;
+  mutable std::mutex mutex_;
+  std::vector<RecordedRequest> requests_;
+  CannedAnswer answer_;
+};
+
+// Serves each connection with a script that reads and writes the socket itself.
+class ScriptedServer {
+ public:
+  using Script = std::function<void(int fd)>;
+  explicit ScriptedServer(Script script, int port = 0);
+  ~ScriptedServer();
+
+  int port() const { return port_; }
+  std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  int connections() const { return connections_; }
+
+ private:
+  Script script_;
+  int listener_ = -1;
+  int port_ = 0;
+  int stop_[2] = {-1, -1};
+  std::atomic<int> connections_{0};
+  std::atomic<int> current_{-1};
+  std::thread thread_;
+};
+
+// Reads one HTTP request (head and Content-Length body); "" when the peer closed.
+std::string readRequest(int fd);
+void writeText(int fd, const std::string& text);
+
+// A port on which nothing listens.
+int closedPort();
+
+}  // namespace tondrel::test
