@@ -1,5 +1,6 @@
 #include "json.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -7,6 +8,8 @@
 namespace tondrel {
 namespace {
 
+// Room kept after a long string for a few escapes and the rest of the message.
+constexpr std::size_t kSlack = 4096;
 constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
 constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
 
@@ -122,25 +125,28 @@ JsonWriter& JsonWriter::lossyString(std::string_view bytes) {
 JsonWriter& JsonWriter::base64String(std::string_view bytes) {
   static constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   separate();
+  // Room for the whole encoding and what usually follows it, so the buffer never
+  // grows (and copies) mid-way; chunks through a small buffer spare a zero-fill.
+  out_.reserve(out_.size() + (bytes.size() + 2) / 3 * 4 + kSlack);
   out_.push_back('"');
-  std::size_t at = out_.size();
-  out_.resize(at + (bytes.size() + 2) / 3 * 4);
-  char* dst = out_.data() + at;
   auto src = reinterpret_cast<const unsigned char*>(bytes.data());
   std::size_t n = bytes.size(), i = 0;
-  for (; i + 3 <= n; i += 3, dst += 4) {
-    std::uint32_t v = (src[i] << 16) | (src[i + 1] << 8) | src[i + 2];
-    dst[0] = kAlphabet[v >> 18];
-    dst[1] = kAlphabet[(v >> 12) & 63];
-    dst[2] = kAlphabet[(v >> 6) & 63];
-    dst[3] = kAlphabet[v & 63];
+  char chunk[4096];
+  while (i + 3 <= n) {
+    char* dst = chunk;
+    for (std::size_t end = std::min(n - n % 3, i + sizeof chunk / 4 * 3); i < end; i += 3, dst += 4) {
+      std::uint32_t v = (src[i] << 16) | (src[i + 1] << 8) | src[i + 2];
+      dst[0] = kAlphabet[v >> 18];
+      dst[1] = kAlphabet[(v >> 12) & 63];
+      dst[2] = kAlphabet[(v >> 6) & 63];
+      dst[3] = kAlphabet[v & 63];
+    }
+    out_.append(chunk, dst);
   }
   if (i < n) {
     std::uint32_t v = src[i] << 16 | (i + 1 < n ? src[i + 1] << 8 : 0);
-    dst[0] = kAlphabet[v >> 18];
-    dst[1] = kAlphabet[(v >> 12) & 63];
-    dst[2] = i + 1 < n ? kAlphabet[(v >> 6) & 63] : '=';
-    dst[3] = '=';
+    char tail[4] = {kAlphabet[v >> 18], kAlphabet[(v >> 12) & 63], i + 1 < n ? kAlphabet[(v >> 6) & 63] : '=', '='};
+    out_.append(tail, 4);
   }
   out_.push_back('"');
   return *this;
@@ -217,7 +223,7 @@ JsonWriter& JsonWriter::raw(std::string_view json) {
 
 void JsonWriter::quoted(std::string_view text) {
   // Escape-free runs are copied whole; large editor answers are mostly such runs.
-  out_.reserve(out_.size() + text.size() + 2);
+  if (text.size() > kSlack) out_.reserve(out_.size() + text.size() + text.size() / 16 + kSlack);
   out_.push_back('"');
   const char* p = text.data();
   const char* end = p + text.size();
