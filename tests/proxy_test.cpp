@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -151,6 +152,22 @@ TEST(CurlTransport, EveryWayOfGettingNoAnswerIsUnreachable) {
     SCOPED_TRACE(what);
     ScriptedServer editor(script);
     expectUnreachable(editor.base(), curlTransport(editor.base(), 1));
+  }
+}
+
+TEST(CurlTransport, AResetInTheMiddleOfALargeUploadIsUnreachable) {
+  ScriptedServer editor([](int fd) {
+    char chunk[1 << 16];
+    for (std::size_t read = 0; read < (4 << 20);) read += std::max<ssize_t>(::recv(fd, chunk, sizeof chunk, 0), 1);
+    linger reset{1, 0};  // close with a RST, as a crashing editor's kernel would
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+  });
+  const std::string document(32 << 20, ' ');
+  try {
+    curlTransport(editor.base(), 5)("PUT", "/v1/document", document);
+    ADD_FAILURE() << "no error";
+  } catch (const ProxyError& error) {
+    EXPECT_EQ(error.kind(), ProxyError::Kind::unreachable);
   }
 }
 

@@ -1,5 +1,6 @@
 #include "server.hpp"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,10 +21,11 @@ constexpr std::string_view kInstructions =
     "with tondrel_silences; export with tondrel_export; check visually with tondrel_snapshot.";
 
 // Splits a byte stream into lines, each followed by readable padding so that the
-// parser can work on it where it lies, without a copy.
+// parser can work on it where it lies, without a copy. Input also ends when the
+// reader of `output` goes away: nobody would see the answers.
 class LineReader {
  public:
-  explicit LineReader(int fd) : fd_(fd) {}
+  LineReader(int input, int output) : fd_(input), output_(output) {}
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;
   ~LineReader() { std::free(buffer_); }
@@ -62,6 +64,13 @@ class LineReader {
       if (!grown) throw std::bad_alloc();
       buffer_ = grown, capacity_ = capacity;
     }
+    pollfd fds[] = {{fd_, POLLIN, 0}, {output_, 0, 0}};
+    while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
+    }
+    if (fds[1].revents & (POLLERR | POLLHUP)) {
+      atEnd_ = true;
+      return;
+    }
     ssize_t n;
     do n = ::read(fd_, buffer_ + end_, capacity_ - end_ - kPadding);
     while (n < 0 && errno == EINTR);
@@ -70,7 +79,7 @@ class LineReader {
   }
 
   static constexpr std::size_t kMinRead = 16 * 1024;
-  int fd_;
+  int fd_, output_;
   char* buffer_ = nullptr;
   std::size_t capacity_ = 0, begin_ = 0, scan_ = 0, end_ = 0;
   bool atEnd_ = false;
@@ -141,7 +150,7 @@ TondrelMCPServer::TondrelMCPServer(Transport transport, std::string apiBase, std
     : transport_(std::move(transport)), apiBase_(std::move(apiBase)), version_(std::move(version)) {}
 
 void TondrelMCPServer::run(int input, int output) {
-  LineReader lines(input);
+  LineReader lines(input, output);
   std::string out;  // kept across lines: large answers reuse memory already touched
   while (auto line = lines.next()) {
     out.clear();

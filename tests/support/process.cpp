@@ -8,12 +8,21 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 extern char** environ;
 
 namespace tondrel::test {
 
-Finished runServer(std::string_view input, const std::vector<std::string>& environment) {
+namespace {
+
+struct Child {
+  pid_t pid;
+  int in, out, err;
+};
+
+// Starts the binary with pipes on its three standard streams; our ends are returned.
+Child spawn(const std::vector<std::string>& environment) {
   std::vector<std::string> entries(environment);
   for (char** entry = environ; *entry; ++entry) entries.emplace_back(*entry);  // ours win: first found
   std::vector<char*> envp;
@@ -33,6 +42,16 @@ Finished runServer(std::string_view input, const std::vector<std::string>& envir
   }
   ::close(in[0]), ::close(out[1]), ::close(err[1]);
   ::signal(SIGPIPE, SIG_IGN);
+  return {pid, in[1], out[0], err[0]};
+}
+
+int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+}  // namespace
+
+Finished runServer(std::string_view input, const std::vector<std::string>& environment) {
+  Child child = spawn(environment);
+  int in[] = {-1, child.in}, out[] = {child.out, -1}, err[] = {child.err, -1};
   ::fcntl(in[1], F_SETFL, O_NONBLOCK);
 
   Finished finished;
@@ -61,9 +80,73 @@ Finished runServer(std::string_view input, const std::vector<std::string>& envir
   }
   if (in[1] >= 0) ::close(in[1]);
   int status = 0;
-  ::waitpid(pid, &status, 0);
-  finished.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  ::waitpid(child.pid, &status, 0);
+  finished.status = exitStatus(status);
   return finished;
+}
+
+ServerProcess::ServerProcess(const std::vector<std::string>& environment) {
+  Child child = spawn(environment);
+  pid_ = child.pid, in_ = child.in, out_ = child.out, err_ = child.err;
+}
+
+ServerProcess::~ServerProcess() {
+  closeInput();
+  closeOutput();
+  if (wait(5) == -1 && pid_ > 0) {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  ::close(err_);
+}
+
+std::string ServerProcess::errors() {
+  std::string text;
+  char chunk[4096];
+  for (ssize_t n; (n = ::read(err_, chunk, sizeof chunk)) > 0;) text.append(chunk, n);
+  return text;
+}
+
+void ServerProcess::send(std::string_view text) {
+  while (!text.empty()) {
+    ssize_t n = ::write(in_, text.data(), text.size());
+    if (n <= 0) return;
+    text.remove_prefix(n);
+  }
+}
+
+std::string ServerProcess::readLine() {
+  char chunk[1 << 16];
+  for (;;) {
+    if (auto lf = pending_.find('\n'); lf != std::string::npos) {
+      std::string line = pending_.substr(0, lf);
+      pending_.erase(0, lf + 1);
+      return line;
+    }
+    ssize_t n = out_ < 0 ? 0 : ::read(out_, chunk, sizeof chunk);
+    if (n <= 0) return std::exchange(pending_, "");
+    pending_.append(chunk, n);
+  }
+}
+
+void ServerProcess::closeInput() {
+  if (in_ >= 0) ::close(in_), in_ = -1;
+}
+
+void ServerProcess::closeOutput() {
+  if (out_ >= 0) ::close(out_), out_ = -1;
+}
+
+int ServerProcess::wait(int seconds) {
+  for (int tick = 0; pid_ > 0 && tick <= seconds * 100; ++tick) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return status_ = exitStatus(status);
+    }
+    ::usleep(10000);
+  }
+  return pid_ > 0 ? -1 : status_;
 }
 
 }  // namespace tondrel::test

@@ -17,4 +17,26 @@ struct Finished {
 // environment entries ("NAME=value") are added to this process's own.
 Finished runServer(std::string_view input, const std::vector<std::string>& environment = {});
 
+// A running tondrel-mcp driven a line at a time, for sessions that change the
+// world between calls. Killed when destroyed, if still running.
+class ServerProcess {
+ public:
+  explicit ServerProcess(const std::vector<std::string>& environment = {});
+  ~ServerProcess();
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
+
+  void send(std::string_view text);
+  std::string readLine();  // "" at the end of its output
+  void closeInput();
+  void closeOutput();  // as a host that stops reading
+  // Exit status once it has exited within seconds; -1 otherwise, or if killed by a signal.
+  int wait(int seconds);
+  std::string errors();  // all it wrote on standard error; call once it has exited
+
+ private:
+  int pid_ = -1, in_ = -1, out_ = -1, err_ = -1, status_ = -1;
+  std::string pending_;
+};
+
 }  // namespace tondrel::test

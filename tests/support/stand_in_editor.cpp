@@ -17,7 +17,7 @@ struct StandInEditor::Impl {
   std::thread thread;
 };
 
-StandInEditor::StandInEditor() : impl_(std::make_unique<Impl>()) {
+StandInEditor::StandInEditor(int port) : impl_(std::make_unique<Impl>()) {
   auto record = [this](const httplib::Request& request, httplib::Response& response) {
     RecordedRequest recorded{request.method, request.target, {}, request.body};
     for (const auto& [name, value] : request.headers) {
@@ -35,7 +35,9 @@ StandInEditor::StandInEditor() : impl_(std::make_unique<Impl>()) {
   impl_->server.Put(".*", record);
   impl_->server.set_keep_alive_max_count(1000);
   impl_->server.set_tcp_nodelay(true);
-  port_ = impl_->server.bind_to_any_port("127.0.0.1");
+  impl_->server.set_keep_alive_timeout(1);  // stopping waits for idle connections this long
+  if (port == 0) port_ = impl_->server.bind_to_any_port("127.0.0.1");
+  else if (impl_->server.bind_to_port("127.0.0.1", port)) port_ = port;
   impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
 }
 

@@ -28,7 +28,7 @@ struct CannedAnswer {
 
 class StandInEditor {
  public:
-  StandInEditor();
+  explicit StandInEditor(int port = 0);
   ~StandInEditor();
 
   int port() const { return port_; }
