@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "memory.hpp"
 #include "tools.hpp"
 
 namespace tondrel {
@@ -63,6 +64,7 @@ class LineReader {
       auto* grown = static_cast<char*>(std::realloc(buffer_, capacity));
       if (!grown) throw std::bad_alloc();
       buffer_ = grown, capacity_ = capacity;
+      adviseHugePages(buffer_, capacity_);
     }
     pollfd fds[] = {{fd_, POLLIN, 0}, {output_, 0, 0}};
     while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
