@@ -174,13 +174,13 @@ TEST(CurlTransport, AResetInTheMiddleOfALargeUploadIsUnreachable) {
 TEST(CurlTransport, AnAnswerThatKeepsFlowingOutlastsTheTimeout) {
   ScriptedServer editor([](int fd) {
     readRequest(fd);
-    writeText(fd, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n");
-    for (char c : std::string("slow")) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(400));
-      writeText(fd, std::string(1, c));
+    writeText(fd, "HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\n");
+    for (int i = 0; i < 20; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      writeText(fd, "x");
     }
   });
-  EXPECT_EQ(curlTransport(editor.base(), 1)("GET", "/v1/state", std::nullopt).data, "slow");
+  EXPECT_EQ(curlTransport(editor.base(), 1)("GET", "/v1/state", std::nullopt).data, std::string(20, 'x'));
 }
 
 TEST(CurlTransport, KeepsOneConnectionAndSurvivesTheEditorClosingIt) {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
+#include <chrono>
 #include <csignal>
 #include <memory>
 
@@ -36,6 +36,8 @@ std::string apiBaseURL(const std::map<std::string, std::string>& environment) {
 }
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 // One easy handle for the life of the process keeps one connection alive.
 class CurlClient {
@@ -122,8 +124,9 @@ class CurlClient {
     setopt(CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_1_1));
     // The timeout bounds connecting and silence, never a long answer that keeps flowing.
     setopt(CURLOPT_CONNECTTIMEOUT_MS, long(timeout_ * 1000));
-    setopt(CURLOPT_LOW_SPEED_LIMIT, 1L);
-    setopt(CURLOPT_LOW_SPEED_TIME, std::max(1L, std::lround(timeout_)));
+    setopt(CURLOPT_NOPROGRESS, 0L);
+    setopt(CURLOPT_XFERINFOFUNCTION, &CurlClient::onProgress);
+    setopt(CURLOPT_XFERINFODATA, this);
     setopt(CURLOPT_BUFFERSIZE, 256L * 1024);
     setopt(CURLOPT_WRITEFUNCTION, &CurlClient::onBody);
     setopt(CURLOPT_WRITEDATA, this);
@@ -151,7 +154,20 @@ class CurlClient {
   CURLcode perform() {
     response_ = APIResponse{};
     answered_ = false;
+    moved_ = 0;
+    lastMoved_ = Clock::now();
     return curl_->easy_perform(easy_);
+  }
+
+  // Called often while bytes flow and about once a second while none do.
+  static int onProgress(void* user, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
+    auto& self = *static_cast<CurlClient*>(user);
+    auto now = Clock::now();
+    if (down + up != self.moved_) {
+      self.moved_ = down + up;
+      self.lastMoved_ = now;
+    }
+    return now - self.lastMoved_ > std::chrono::duration<double>(self.timeout_);  // non-zero ends the transfer
   }
 
   static size_t onBody(char* data, size_t, size_t size, void* self) {
@@ -198,6 +214,8 @@ class CurlClient {
   std::string method_;
   APIResponse response_;
   bool answered_ = false;
+  curl_off_t moved_ = 0;
+  Clock::time_point lastMoved_;
 };
 
 }  // namespace
