@@ -46,10 +46,20 @@ std::size_t sequenceLength(std::string_view s, std::size_t i, std::size_t& bad) 
   std::size_t length;
   unsigned char low = 0x80, high = 0xBF;
   if (c < 0x80) return 1;
-  if (c >= 0xC2 && c <= 0xDF) length = 2;
-  else if (c >= 0xE0 && c <= 0xEF) length = 3, low = c == 0xE0 ? 0xA0 : 0x80, high = c == 0xED ? 0x9F : 0xBF;
-  else if (c >= 0xF0 && c <= 0xF4) length = 4, low = c == 0xF0 ? 0x90 : 0x80, high = c == 0xF4 ? 0x8F : 0xBF;
-  else return bad = 1, 0;
+  if (c >= 0xC2 && c <= 0xDF) {
+    length = 2;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    length = 3;
+    if (c == 0xE0) low = 0xA0;   // no overlong forms
+    if (c == 0xED) high = 0x9F;  // no surrogates
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    length = 4;
+    if (c == 0xF0) low = 0x90;   // no overlong forms
+    if (c == 0xF4) high = 0x8F;  // nothing past U+10FFFF
+  } else {
+    bad = 1;
+    return 0;
+  }
   for (std::size_t k = 1; k < length; ++k) {
     if (i + k >= s.size()) return bad = k, 0;
     auto next = static_cast<unsigned char>(s[i + k]);
