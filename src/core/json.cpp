@@ -1,6 +1,7 @@
 #include "json.hpp"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -134,6 +135,12 @@ JsonWriter& JsonWriter::lossyString(std::string_view bytes) {
 
 JsonWriter& JsonWriter::base64String(std::string_view bytes) {
   static constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  // Two characters per 12 bits: half the lookups of one per 6 bits.
+  static const auto kPairs = [] {
+    std::array<char, 2 * 4096> pairs{};
+    for (int i = 0; i < 4096; ++i) pairs[2 * i] = kAlphabet[i >> 6], pairs[2 * i + 1] = kAlphabet[i & 63];
+    return pairs;
+  }();
   separate();
   // Room for the whole encoding and what usually follows it, so the buffer never
   // grows (and copies) mid-way; chunks through a small buffer spare a zero-fill.
@@ -146,10 +153,8 @@ JsonWriter& JsonWriter::base64String(std::string_view bytes) {
     char* dst = chunk;
     for (std::size_t end = std::min(n - n % 3, i + sizeof chunk / 4 * 3); i < end; i += 3, dst += 4) {
       std::uint32_t v = (src[i] << 16) | (src[i + 1] << 8) | src[i + 2];
-      dst[0] = kAlphabet[v >> 18];
-      dst[1] = kAlphabet[(v >> 12) & 63];
-      dst[2] = kAlphabet[(v >> 6) & 63];
-      dst[3] = kAlphabet[v & 63];
+      std::memcpy(dst, &kPairs[2 * (v >> 12)], 2);
+      std::memcpy(dst + 2, &kPairs[2 * (v & 4095)], 2);
     }
     out_.append(chunk, dst);
   }
