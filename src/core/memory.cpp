@@ -20,19 +20,27 @@ void adviseHugePages([[maybe_unused]] void* block, [[maybe_unused]] std::size_t 
 
 }  // namespace tondrel
 
-// Every large std::string and parser buffer comes through here.
+// Every large std::string and parser buffer comes through here, in every form of
+// new, so that what one form allocates any form of delete may free.
 namespace {
-void* allocate(std::size_t size) {
+void* allocate(std::size_t size) noexcept {
   void* block = std::malloc(size ? size : 1);
-  if (!block) throw std::bad_alloc();
-  tondrel::adviseHugePages(block, size);
+  if (block) tondrel::adviseHugePages(block, size);
   return block;
+}
+void* allocateOrThrow(std::size_t size) {
+  if (void* block = allocate(size)) return block;
+  throw std::bad_alloc();
 }
 }  // namespace
 
-void* operator new(std::size_t size) { return allocate(size); }
-void* operator new[](std::size_t size) { return allocate(size); }
+void* operator new(std::size_t size) { return allocateOrThrow(size); }
+void* operator new[](std::size_t size) { return allocateOrThrow(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
