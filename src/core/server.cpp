@@ -131,7 +131,7 @@ void writeToolResult(JsonWriter& out, const ToolResult& result) {
   out.beginObject().key("content").beginArray();
   if (result.kind == ToolResult::Kind::image) {
     out.beginObject().member("type", "image").key("data").base64String(result.body);
-    out.member("mimeType", result.mimeType).endObject();
+    out.key("mimeType").lossyString(result.mimeType).endObject();  // header bytes may be anything
     out.beginObject().member("type", "text").member("text", result.caption).endObject();
     out.endArray();
   } else {
