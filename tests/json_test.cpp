@@ -157,6 +157,9 @@ TEST(JsonWriter, WritesExactBytes) {
       {R"("\u0001\u001F\u0000")", R"("\u0001\u001f\u0000")"},
       {R"("\b\f\n\r\t\"\\")", R"("\b\f\n\r\t\"\\")"},
       {"\"\x7f\"", "\"\x7f\""},
+      // every escape, in eight-byte words and in the tail
+      {R"("\u0000\u0001\u0002\u0003\u0004\u0005\u0006\u0007\u0008\u0009\u000A\u000B\u000C\u000D\u000E\u000F\u0010\u0011\u0012\u0013\u0014\u0015\u0016\u0017\u0018\u0019\u001A\u001B\u001C\u001D\u001E\u001F\"\\")",
+       R"("\u0000\u0001\u0002\u0003\u0004\u0005\u0006\u0007\b\t\n\u000b\f\r\u000e\u000f\u0010\u0011\u0012\u0013\u0014\u0015\u0016\u0017\u0018\u0019\u001a\u001b\u001c\u001d\u001e\u001f\"\\")"},
       {R"("\u00e9\ud83d\ude00")", "\"é😀\""},
       {R"("0123456789abcdef\n0123456\u00017")", R"("0123456789abcdef\n0123456\u00017")"},
       {"2.0", "2.0"},
@@ -233,7 +236,6 @@ TEST(JsonWriter, WritesStandardBase64) {
                                                    {"foobar", "Zm9vYmFy"}};
   for (const auto& [input, expected] : vectors)
     EXPECT_EQ(write([&](JsonWriter& w) { w.base64String(input); }), "\"" + expected + "\"") << input;
-
 }
 
 TEST(TrimWhitespace, StripsUnicodeWhitespaceFromBothEnds) {

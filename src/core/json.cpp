@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -14,31 +15,61 @@ constexpr std::size_t kSlack = 4096;
 constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
 constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
 
-// True when any of the eight bytes is a control character, '"' or '\\'.
-bool needsEscape(std::uint64_t w) {
-  auto hasZero = [](std::uint64_t x) { return (x - kOnes) & ~x & kHighs; };
-  std::uint64_t control = (w - 0x20 * kOnes) & ~w & kHighs;
-  return (control | hasZero(w ^ ('"' * kOnes)) | hasZero(w ^ ('\\' * kOnes))) != 0;
+std::uint64_t load(const char* p) {
+  std::uint64_t word;
+  std::memcpy(&word, p, 8);
+  return word;
 }
 
-bool isPlain(unsigned char c) { return c >= 0x20 && c != '"' && c != '\\'; }
-
-void appendEscaped(std::string& out, unsigned char c) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  switch (c) {
-    case '"': out += "\\\""; return;
-    case '\\': out += "\\\\"; return;
-    case '\b': out += "\\b"; return;
-    case '\f': out += "\\f"; return;
-    case '\n': out += "\\n"; return;
-    case '\r': out += "\\r"; return;
-    case '\t': out += "\\t"; return;
-    default:
-      out += "\\u00";
-      out.push_back(kHex[c >> 4]);
-      out.push_back(kHex[c & 0xF]);
-  }
+// Exact masks, with the high bit of each byte of a word that is ...
+// ... a control character (below 0x20): no carry crosses bytes, since 0x7F + 0x60 < 0x100;
+std::uint64_t controlMask(std::uint64_t w) {
+  return ~(((w & ~kHighs) + 0x60 * kOnes) | w) & kHighs;
 }
+// ... equal to c;
+std::uint64_t equalMask(std::uint64_t w, char c) {
+  std::uint64_t x = w ^ (static_cast<unsigned char>(c) * kOnes);
+  return ~(((x & ~kHighs) + ~kHighs) | x) & kHighs;
+}
+// ... to be escaped. The first byte in memory is the lowest, as on every platform we build for.
+static_assert(std::endian::native == std::endian::little);
+std::uint64_t escapeMask(std::uint64_t w) {
+  return controlMask(w) | equalMask(w, '"') | equalMask(w, '\\');
+}
+int byteIndex(std::uint64_t mask) {
+  return std::countr_zero(mask) >> 3;
+}
+// How many bytes are marked; std::popcount is a library call without -mpopcnt.
+std::size_t byteCount(std::uint64_t mask) {
+  return ((mask >> 7) * kOnes) >> 56;
+}
+
+void store(char* o, std::uint64_t word) {
+  std::memcpy(o, &word, 8);
+}
+
+// The escaped form of each byte as up to eight bytes to store at once, and how
+// many bytes it adds: one for \" \\ \b \f \n \r \t, five for the other control
+// characters (\u00XX), none for the rest.
+struct Escapes {
+  std::array<std::uint64_t, 256> text{};
+  std::array<std::uint8_t, 256> extra{};
+};
+constexpr Escapes kEscapes = [] {
+  Escapes e;
+  auto set = [&](unsigned char c, std::array<char, 6> form, std::size_t length) {
+    e.text[c] = 0;
+    for (std::size_t i = 0; i < length; ++i)
+      e.text[c] |= std::uint64_t(static_cast<unsigned char>(form[i])) << 8 * i;
+    e.extra[c] = static_cast<std::uint8_t>(length - 1);
+  };
+  constexpr char kHex[] = "0123456789abcdef";
+  for (int c = 0; c < 0x20; ++c) set(c, {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]}, 6);
+  for (auto [c, letter] :
+       {std::pair{'"', '"'}, {'\\', '\\'}, {'\b', 'b'}, {'\f', 'f'}, {'\n', 'n'}, {'\r', 'r'}, {'\t', 't'}})
+    set(c, {'\\', letter}, 2);
+  return e;
+}();
 
 // Length of the valid UTF-8 sequence at s[i], or 0 with `bad` set to how many
 // bytes form the maximal invalid subpart that one U+FFFD replaces.
@@ -160,7 +191,8 @@ JsonWriter& JsonWriter::base64String(std::string_view bytes) {
   }
   if (i < n) {
     std::uint32_t v = src[i] << 16 | (i + 1 < n ? src[i + 1] << 8 : 0);
-    char tail[4] = {kAlphabet[v >> 18], kAlphabet[(v >> 12) & 63], i + 1 < n ? kAlphabet[(v >> 6) & 63] : '=', '='};
+    char tail[4] = {kAlphabet[v >> 18], kAlphabet[(v >> 12) & 63], i + 1 < n ? kAlphabet[(v >> 6) & 63] : '=',
+                    '='};
     out_.append(tail, 4);
   }
   out_.push_back('"');
@@ -220,12 +252,18 @@ JsonWriter& JsonWriter::value(simdjson::dom::element element) {
       beginArray();
       for (auto item : simdjson::dom::array(element)) value(item);
       return endArray();
-    case Type::STRING: return string(std::string_view(element));
-    case Type::INT64: return number(std::int64_t(element));
-    case Type::UINT64: return number(std::uint64_t(element));
-    case Type::DOUBLE: return number(double(element));
-    case Type::BOOL: return boolean(bool(element));
-    case Type::NULL_VALUE: break;
+    case Type::STRING:
+      return string(std::string_view(element));
+    case Type::INT64:
+      return number(std::int64_t(element));
+    case Type::UINT64:
+      return number(std::uint64_t(element));
+    case Type::DOUBLE:
+      return number(double(element));
+    case Type::BOOL:
+      return boolean(bool(element));
+    case Type::NULL_VALUE:
+      break;
   }
   return null();
 }
@@ -237,32 +275,55 @@ JsonWriter& JsonWriter::raw(std::string_view json) {
 }
 
 void JsonWriter::quoted(std::string_view text) {
-  // Escape-free runs are copied whole; large editor answers are mostly such runs.
-  if (text.size() > kSlack) out_.reserve(out_.size() + text.size() + text.size() / 16 + kSlack);
-  out_.push_back('"');
+  // Sized exactly, then written through a pointer: an editor document is JSON text
+  // itself, with a quote every few bytes, so escapes are found a word at a time and
+  // everything is stored eight bytes at a time, each store overwritten by the next
+  // (hence eight bytes of room past the end while writing).
+  const char* end = text.data() + text.size();
+  std::size_t size = text.size() + 2;
   const char* p = text.data();
-  const char* end = p + text.size();
-  const char* run = p;
-  while (p < end) {
-    if (end - p >= 8) {
-      std::uint64_t word;
-      std::memcpy(&word, p, 8);
-      if (!needsEscape(word)) {
-        p += 8;
-        continue;
-      }
-    }
-    auto c = static_cast<unsigned char>(*p);
-    if (isPlain(c)) {
-      ++p;
-      continue;
-    }
-    out_.append(run, p);
-    appendEscaped(out_, c);
-    run = ++p;
+  for (; end - p >= 8; p += 8) {
+    std::uint64_t w = load(p);
+    size += byteCount(escapeMask(w));
+    for (std::uint64_t control = controlMask(w); control; control &= control - 1)
+      size += kEscapes.extra[static_cast<unsigned char>(p[byteIndex(control)])] - 1;
   }
-  out_.append(run, end);
-  out_.push_back('"');
+  for (; p < end; ++p) size += kEscapes.extra[static_cast<unsigned char>(*p)];
+
+  std::size_t at = out_.size();
+  if (size > kSlack) out_.reserve(at + size + kSlack);  // the rest of the message goes in without a copy
+  out_.resize(at + size + 8);
+  char* o = out_.data() + at;
+  *o++ = '"';
+  auto escape = [&o](unsigned char c) {
+    store(o, kEscapes.text[c]);
+    o += kEscapes.extra[c] + 1;
+  };
+  for (p = text.data(); end - p >= 8; p += 8) {
+    std::uint64_t w = load(p);
+    int from = 0;
+    for (std::uint64_t mask = escapeMask(w); mask; mask &= mask - 1) {
+      int i = byteIndex(mask);
+      store(o, w >> 8 * from);
+      o += i - from;
+      escape(static_cast<unsigned char>(p[i]));
+      from = i + 1;
+    }
+    if (from < 8) {
+      store(o, w >> 8 * from);
+      o += 8 - from;
+    }
+  }
+  for (; p < end; ++p) {
+    auto c = static_cast<unsigned char>(*p);
+    if (kEscapes.extra[c]) {
+      escape(c);
+    } else {
+      *o++ = static_cast<char>(c);
+    }
+  }
+  *o = '"';
+  out_.resize(at + size);
 }
 
 std::string_view decodeUtf8(std::string_view bytes, std::string& scratch) {
