@@ -31,10 +31,16 @@ class LineReader {
   LineReader& operator=(const LineReader&) = delete;
   ~LineReader() { std::free(buffer_); }
 
+  // Whether next() has a line ready, without waiting for input.
+  bool hasLine() const {
+    return atEnd_ ? begin_ < end_ : scan_ < end_ && std::memchr(buffer_ + scan_, '\n', end_ - scan_);
+  }
+
   // The next line without its terminator (LF or CRLF); nothing at the end of input.
   std::optional<std::string_view> next() {
     for (;;) {
-      auto* lf = scan_ < end_ ? static_cast<char*>(std::memchr(buffer_ + scan_, '\n', end_ - scan_)) : nullptr;
+      auto* lf =
+          scan_ < end_ ? static_cast<char*>(std::memchr(buffer_ + scan_, '\n', end_ - scan_)) : nullptr;
       if (lf) {
         std::size_t begin = begin_, length = lf - (buffer_ + begin);
         begin_ = scan_ = length + begin + 1;
@@ -76,8 +82,10 @@ class LineReader {
     ssize_t n;
     do n = ::read(fd_, buffer_ + end_, capacity_ - end_ - kPadding);
     while (n < 0 && errno == EINTR);
-    if (n <= 0) atEnd_ = true;
-    else end_ += n;
+    if (n <= 0)
+      atEnd_ = true;
+    else
+      end_ += n;
   }
 
   static constexpr std::size_t kMinRead = 16 * 1024;
@@ -109,12 +117,14 @@ ToolResult textResult(APIResponse response) {
 ToolResult imageResult(APIResponse response, std::string caption) {
   std::string type = response.contentType;
   for (char& c : type) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (response.status != 200 || type.find("json") != std::string::npos) return textResult(std::move(response));
+  if (response.status != 200 || type.find("json") != std::string::npos)
+    return textResult(std::move(response));
 
   ToolResult result;
   result.kind = ToolResult::Kind::image;
-  result.mimeType = type.starts_with("image/") ? response.contentType.substr(0, response.contentType.find(';'))
-                                               : "image/png";
+  result.mimeType = type.starts_with("image/")
+                        ? response.contentType.substr(0, response.contentType.find(';'))
+                        : "image/png";
   result.body = std::move(response.data);
   result.caption = std::move(caption);
   return result;
@@ -152,19 +162,38 @@ TondrelMCPServer::TondrelMCPServer(Transport transport, std::string apiBase, std
     : transport_(std::move(transport)), apiBase_(std::move(apiBase)), version_(std::move(version)) {}
 
 void TondrelMCPServer::run(int input, int output) {
+  // Answers to lines that arrive together are written together: one write per
+  // answer would make a burst of quick requests cost a system call each.
+  constexpr std::size_t kWriteAt = 64 * 1024;
   LineReader lines(input, output);
   std::string out;  // kept across lines: large answers reuse memory already touched
+  output_ = output, pending_ = &out, complete_ = 0, outputGone_ = false;
   while (auto line = lines.next()) {
-    out.clear();
     bool answered = false;
     try {
       answered = handlePadded(*line, out);
     } catch (...) {  // out of memory, say: this line goes unanswered, the next is served
     }
-    if (!answered) continue;
-    out.push_back('\n');
-    if (!writeAll(output, out)) return;  // the client is gone
+    if (outputGone_) break;
+    if (answered) {
+      out.push_back('\n');
+      complete_ = out.size();
+    } else {
+      out.resize(complete_);  // nothing, or what was begun before the failure
+    }
+    if (out.size() < kWriteAt && lines.hasLine()) continue;
+    if (!writeAll(output, out)) break;  // the client is gone
+    out.clear();
+    complete_ = 0;
   }
+  pending_ = nullptr;
+}
+
+void TondrelMCPServer::writeCompleteAnswers() {
+  if (!pending_ || complete_ == 0) return;
+  if (!writeAll(output_, std::string_view(*pending_).substr(0, complete_))) outputGone_ = true;
+  pending_->erase(0, complete_);
+  complete_ = 0;
 }
 
 std::optional<std::string> TondrelMCPServer::handle(std::string_view line) {
@@ -183,6 +212,7 @@ bool TondrelMCPServer::handlePadded(std::string_view line, std::string& out) {
   }
   text = trimWhitespace(text);
   if (text.empty()) return false;
+  lineSize_ = text.size();
 
   simdjson::dom::element root;
   if (parser_.parse(text.data(), text.size(), false).get(root) != simdjson::SUCCESS || !root.is_object()) {
@@ -207,13 +237,16 @@ template <typename Answer>
 void TondrelMCPServer::encode(std::string& out, const simdjson::dom::element* id, Answer&& answer) {
   JsonWriter w(out);
   w.beginObject().member("jsonrpc", "2.0").key("id");
-  if (id) w.value(*id);
-  else w.null();
+  if (id)
+    w.value(*id);
+  else
+    w.null();
   answer(w);
   w.endObject();
 }
 
-void TondrelMCPServer::writeError(JsonWriter& out, int code, std::string_view message, std::string_view detail) {
+void TondrelMCPServer::writeError(JsonWriter& out, int code, std::string_view message,
+                                  std::string_view detail) {
   std::string text(message);
   text += detail;
   out.key("error").beginObject().member("code", code).member("message", text).endObject();
@@ -227,7 +260,9 @@ void TondrelMCPServer::initialize(const Members& params, JsonWriter& out) {
   out.member("instructions", kInstructions).endObject();
 }
 
-void TondrelMCPServer::ping(const Members&, JsonWriter& out) { out.key("result").beginObject().endObject(); }
+void TondrelMCPServer::ping(const Members&, JsonWriter& out) {
+  out.key("result").beginObject().endObject();
+}
 
 void TondrelMCPServer::listTools(const Members&, JsonWriter& out) {
   out.key("result").beginObject().key("tools").raw(toolsJSON()).endObject();
@@ -240,6 +275,7 @@ void TondrelMCPServer::callToolRequest(const Members& params, JsonWriter& out) {
   Members args(params["arguments"]);
   ToolResult result;
   try {
+    writeCompleteAnswers();
     result = callTool(name, args);
   } catch (const ProxyError& error) {
     result = failedResult(error.description());

@@ -70,9 +70,18 @@ class TondrelMCPServer {
   std::string apiBase_;
   std::string version_;
   simdjson::dom::parser parser_;
-  std::string padded_;  // a line copied so that the parser may read past its end
-  std::string repaired_;  // a line whose invalid UTF-8 was replaced
-  std::string body_;      // request bodies, reused across calls
+  std::string padded_;        // a line copied so that the parser may read past its end
+  std::string repaired_;      // a line whose invalid UTF-8 was replaced
+  std::string body_;          // request bodies, reused across calls
+  std::size_t lineSize_ = 0;  // of the line being handled: a forwarded body is about as long
+
+  // While run() goes on: answers already complete at the front of *pending_ wait
+  // to be written together with the next ones, but never while a call waits for the editor.
+  void writeCompleteAnswers();
+  int output_ = -1;
+  std::string* pending_ = nullptr;
+  std::size_t complete_ = 0;
+  bool outputGone_ = false;
 };
 
 }  // namespace tondrel
