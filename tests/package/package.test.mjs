@@ -194,3 +194,16 @@ test("server.json describes the bundle that was packed, under the same facts", (
   assert.ok(registry.description.length >= 1 && registry.description.length <= 100, "description 1 to 100 characters");
   assert.match(registry.$schema, /^https:\/\/static\.modelcontextprotocol\.io\/schemas\/[\d-]+\/server\.schema\.json$/);
 });
+
+test("the Homebrew formula builds the version and repository the packages name", () => {
+  const formula = readFileSync(new URL("../../packaging/homebrew/tondrel-mcp.rb", import.meta.url), "utf8");
+  const field = (name) => formula.match(new RegExp(`^\\s*${name} "([^"]*)"`, "m"))?.[1];
+  const repository = registry.repository.url;
+  for (const [what, actual, expected] of [
+    ["desc", field("desc"), manifest.description],
+    ["homepage", field("homepage"), repository],
+    ["url", field("url"), `${repository}/archive/refs/tags/v${manifest.version}.tar.gz`],
+  ]) {
+    assert.equal(actual, expected, what);
+  }
+});
