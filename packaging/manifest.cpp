@@ -5,6 +5,7 @@
 //   tondrel-mcp-manifest bundle-file        the bundle's file name for this platform
 //   tondrel-mcp-manifest bundle             the bundle's manifest.json
 //   tondrel-mcp-manifest registry <sha256>  server.json for the registry, naming that bundle
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
