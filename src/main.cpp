@@ -3,6 +3,7 @@
 #include <map>
 #include <string>
 
+#include "build_info.hpp"
 #include "proxy.hpp"
 #include "server.hpp"
 
@@ -16,7 +17,7 @@ int main() {
     if (equals != std::string::npos) environment.emplace(text.substr(0, equals), text.substr(equals + 1));
   }
   std::string base = tondrel::apiBaseURL(environment);
-  tondrel::TondrelMCPServer server(tondrel::curlTransport(base, 30.0), base, "0.9.0");
+  tondrel::TondrelMCPServer server(tondrel::curlTransport(base, 30.0), base, tondrel::kVersion);
   server.run();
   return 0;
 }

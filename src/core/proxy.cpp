@@ -21,8 +21,8 @@ ProxyError ProxyError::badArguments(std::string message) {
 }
 
 std::string apiBaseURL(const std::map<std::string, std::string>& environment) {
-  std::int64_t port = 17910;
-  if (auto found = environment.find("TONDREL_API_PORT"); found != environment.end()) {
+  std::int64_t port = kDefaultPort;
+  if (auto found = environment.find(std::string(kPortVariable)); found != environment.end()) {
     std::string_view text = found->second;
     bool negative = !text.empty() && text[0] == '-';
     if (!text.empty() && (text[0] == '+' || text[0] == '-')) text.remove_prefix(1);
