@@ -40,7 +40,7 @@ double Editor::number(const json& op, const char* key, double fallback, double l
   if (!op.contains(key) || op[key].is_null()) return fallback;
   double value = op[key].get<double>();
   if (!(value >= low && value <= high))
-    fail(std::string(key) + " must lie between " + json(low).dump() + " and " + json(high).dump() + ", got " +
+    fail(std::string(key) + " must lie between " + show(low) + " and " + show(high) + ", got " +
          op[key].dump());
   return value;
 }
@@ -61,7 +61,7 @@ std::string Editor::shape(const json& op, const char* key, const std::string& fa
 
 std::pair<double, double> Editor::range(const json& op) {
   double start = time(op, "start", 0), end = time(op, "end", 0);
-  if (end <= start) fail("end (" + json(end).dump() + ") must come after start (" + json(start).dump() + ")");
+  if (end <= start) fail("end (" + show(end) + ") must come after start (" + show(start) + ")");
   return {start, end};
 }
 
@@ -72,8 +72,8 @@ json Editor::piece(const json& clip, double from, double to, bool keepFades) {
   double start = clip["reversed"].get<bool>() ? sourceStart + duration - b : sourceStart + a;
   constexpr double slack = 1e-9;
   if (start < -slack || start + (b - a) > sourceDuration + slack)
-    fail("the source of clip " + clip["id"].dump() + " covers only " + json(sourceDuration).dump() +
-         " s; the clip cannot reach from " + json(from).dump() + " to " + json(to).dump());
+    fail("the source of clip " + clip["id"].dump() + " covers only " + show(sourceDuration) +
+         " s; the clip cannot reach from " + show(from) + " to " + show(to));
   json out = clip;
   out["offset"] = from;
   out["duration"] = b - a;
@@ -226,7 +226,12 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
     if (!e.session.file) e.fail("save the project first: the bounce is written next to the project file");
     std::string path = (std::filesystem::path(*e.session.file).parent_path() /
                         ("bounce-" + newUuid().substr(0, 8) + ".wav")).string();
-    double length = bounceTrack(e.doc, index, path);
+    double length = 0;
+    try {
+      length = bounceTrack(e.doc, index, path);
+    } catch (const SimError& error) {
+      e.fail(error.what());
+    }
     json audio = newTrack(e, "audio", track["name"].get<std::string>() + " (bounced)");
     audio["gainDB"] = track["gainDB"];
     audio["pan"] = track["pan"];
@@ -264,7 +269,7 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
     double start = note["start"], end = start + note["duration"].get<double>();
     double newStart = e.time(op, "start", start);
     double duration = e.number(op, "duration", end - newStart, 1e-3, kMaxTime);
-    if (duration <= 0) e.fail("start must come before the note's end (" + json(end).dump() + ")");
+    if (duration <= 0) e.fail("start must come before the note's end (" + show(end) + ")");
     note["start"] = newStart;
     note["duration"] = duration;
   };

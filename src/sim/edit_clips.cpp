@@ -66,7 +66,7 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
     double length = audio->duration();
     double sourceStart = e.number(op, "sourceStart", 0, 0, length);
     double duration = e.number(op, "duration", length - sourceStart, 0, length - sourceStart);
-    if (duration <= 0) e.fail("the clip would be empty: " + path + " lasts " + json(length).dump() + " s");
+    if (duration <= 0) e.fail("the clip would be empty: " + path + " lasts " + show(length) + " s");
     json clip = {{"id", newUuid()},           {"path", path},
                  {"offset", e.time(op, "offset", 0)}, {"sourceStart", sourceStart},
                  {"duration", duration},      {"sourceDuration", length},
@@ -83,7 +83,7 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
   map["clip.trim"] = [](Editor& e, const json& op) {
     json& clip = e.clip(op["clip"]);
     double start = e.time(op, "start", clip["offset"]), end = e.time(op, "end", clipEnd(clip));
-    if (end <= start) e.fail("the clip would end (" + json(end).dump() + ") before it starts (" + json(start).dump() + ")");
+    if (end <= start) e.fail("the clip would end (" + show(end) + ") before it starts (" + show(start) + ")");
     clip = e.piece(clip, start, end, true);
   };
   map["clip.move"] = [](Editor& e, const json& op) {
@@ -107,7 +107,7 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
     if (op.contains("clip") && !op["clip"].is_null()) {
       auto [t, c] = e.findClip(op["clip"]);
       json right = splitAt(e, e.tracks()[t], c, at);
-      if (right.is_null()) e.fail("clip " + op["clip"].dump() + " does not span " + json(at).dump() + " s");
+      if (right.is_null()) e.fail("clip " + op["clip"].dump() + " does not span " + show(at) + " s");
       e.created.push_back(right);
       return;
     }
@@ -119,7 +119,7 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
         if (!right.is_null()) e.created.push_back(right), any = true, ++c;
       }
     }
-    if (!any) e.fail("no clip spans " + json(at).dump() + " s");
+    if (!any) e.fail("no clip spans " + show(at) + " s");
   };
   map["clip.remove"] = [](Editor& e, const json& op) {
     for (const json& id : op["clips"]) {

@@ -355,3 +355,15 @@ std::string Session::resolvedPath(const std::string& path) const {
 }
 
 }  // namespace tondrel::sim
+
+#include <sstream>
+
+namespace tondrel::sim {
+
+std::string show(double value) {
+  std::ostringstream out;
+  out << value;
+  return out.str();
+}
+
+}  // namespace tondrel::sim

@@ -92,3 +92,8 @@ std::pair<double, double> readRange(const json& value, const std::string& what);
 double checkedTime(double value, const std::string& what);
 
 }  // namespace tondrel::sim
+
+namespace tondrel::sim {
+// A time or level as a person writes it: 2, 0.5, -1.25.
+std::string show(double value);
+}  // namespace tondrel::sim
