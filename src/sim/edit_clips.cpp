@@ -250,12 +250,12 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
   };
   map["range.crop"] = [](Editor& e, const json& op) {
     auto [start, end] = e.range(op);
-    e.removeRange(end, kMaxTime, false);
-    if (start > 0) e.removeRange(0, start, true);
     json kept = json::array();
     for (const json& marker : e.doc["markers"])
-      if (marker["time"].get<double>() <= end - start) kept.push_back(marker);
+      if (marker["time"].get<double>() >= start && marker["time"].get<double>() <= end) kept.push_back(marker);
     e.doc["markers"] = kept;
+    e.removeRange(end, kMaxTime, false);
+    if (start > 0) e.removeRange(0, start, true);
   };
   map["range.silence"] = [](Editor& e, const json& op) {
     auto [start, end] = e.range(op);

@@ -300,7 +300,7 @@ void Session::select(const json& request) {
   }
   json clips = selectedClips;
   if (request.contains("clips")) {
-    const json& ids = request["clips"];
+    const json& ids = request["clips"].is_null() ? json::array() : request["clips"];
     if (!ids.is_array()) throw SimError("clips must be an array of clip UUID strings");
     clips = json::array();
     for (const json& id : ids) {
