@@ -28,7 +28,7 @@ double rounded(double value) { return std::round(value * 1e5) / 1e5; }
 double gainToDb(double gain) { return gain > 1e-10 ? 20 * std::log10(gain) : -200.0; }
 
 float AudioData::at(int channel, double frame) const {
-  if (frames == 0 || frame < 0 || frame > double(frames - 1)) return 0;
+  if (frames == 0 || !(frame >= 0 && frame <= double(frames - 1))) return 0;
   int c = std::min(channel, channels - 1);
   auto i = static_cast<long long>(frame);
   float a = samples[std::size_t(i * channels + c)];

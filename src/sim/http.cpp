@@ -21,8 +21,29 @@ void answer(httplib::Response& response, int status, const json& body) {
   response.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
 }
 
+// Copying a JSON value recurses once per level; nothing the editor reads is more than a few
+// levels deep, so deeper text is refused before it is parsed.
+void checkDepth(const std::string& text) {
+  int depth = 0;
+  bool inString = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (inString) {
+      if (c == '\\') ++i;
+      else if (c == '"') inString = false;
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > 64) throw SimError("the JSON is nested more than 64 levels deep");
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+}
+
 json bodyOf(const httplib::Request& request) {
   if (request.body.empty()) return json::object();
+  checkDepth(request.body);
   try {
     json body = json::parse(request.body);
     if (!body.is_object()) throw SimError("the body must be a JSON object");
@@ -114,8 +135,10 @@ json help() {
 json openFile(Session& session, const std::string& path) {
   if (isProjectFile(path)) {
     std::ifstream in(path, std::ios::binary);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (!in) throw SimError("cannot read " + path);
-    json parsed = json::parse(in, nullptr, false);
+    checkDepth(text);
+    json parsed = json::parse(text, nullptr, false);
     if (parsed.is_discarded()) throw SimError(path + " is not a JSON project file");
     session.load(normalizedDocument(parsed), path);
   } else {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <random>
+#include <tuple>
 
 namespace tondrel::sim {
 
@@ -75,6 +76,9 @@ json normalizedNote(const json& in, const std::string& where) {
   member(note, in, "start", 0.0, Kind::number, where);
   member(note, in, "duration", 0.5, Kind::number, where);
   member(note, in, "velocity", 100, Kind::integer, where);
+  if (note["pitch"].get<long long>() < 0 || note["pitch"].get<long long>() > 127 || note["velocity"].get<long long>() < 0 ||
+      note["velocity"].get<long long>() > 127)
+    throw SimError(where + ": pitch and velocity must lie between 0 and 127");
   if (note["start"].get<double>() < 0 || note["start"].get<double>() > kMaxTime || note["duration"].get<double>() < 0 ||
       note["duration"].get<double>() > kMaxTime)
     throw SimError(where + " lies outside the timeline");
@@ -95,6 +99,9 @@ json normalizedTrack(const json& in, const std::string& where, std::size_t index
   member(track, in, "program", 0, Kind::integer, where);
   member(track, in, "channel", 0, Kind::integer, where);
   member(track, in, "transpose", 0, Kind::integer, where);
+  for (auto [key, low, high] : {std::tuple{"program", 0, 127}, {"channel", 0, 15}, {"transpose", -48, 48}})
+    if (track[key].get<long long>() < low || track[key].get<long long>() > high)
+      throw SimError(where + "." + key + " must lie between " + std::to_string(low) + " and " + std::to_string(high));
   track["clips"] = json::array();
   track["notes"] = json::array();
   for (const char* list : {"clips", "notes"}) {
@@ -308,7 +315,7 @@ void Session::select(const json& request) {
       if (id.is_string())
         for (const json& track : document_["tracks"])
           for (const json& clip : track["clips"]) found = found || clip["id"] == id;
-      if (!found) throw SimError("clips: no clip with id " + id.dump());
+      if (!found) throw SimError("clips: no clip with id " + (id.is_string() ? id.dump() : std::string("of that kind: ids are strings")));
       clips.push_back(id);
     }
   }
@@ -337,7 +344,7 @@ void Session::select(const json& request) {
       for (const json& clip : t["clips"])
         if (std::find(clips.begin(), clips.end(), clip["id"]) != clips.end())
           start = std::min(start, clip["offset"].get<double>()), end = std::max(end, clipEnd(clip));
-    if (end > start) zoomStart = start, zoomEnd = end;
+    if (end - start >= 1e-3) zoomStart = start, zoomEnd = end;
     else zoomStart = zoomEnd = 0;
   }
 }

@@ -25,11 +25,18 @@ void color(cairo_t* cr, unsigned rgb, double alpha = 1) {
   cairo_set_source_rgba(cr, ((rgb >> 16) & 255) / 255.0, ((rgb >> 8) & 255) / 255.0, (rgb & 255) / 255.0, alpha);
 }
 
+// Cuts at n bytes without splitting a UTF-8 sequence, which would stop cairo drawing text at all.
+std::string cut(const std::string& s, std::size_t n) {
+  if (s.size() <= n) return s;
+  while (n > 0 && (static_cast<unsigned char>(s[n]) & 0xC0) == 0x80) --n;
+  return s.substr(0, n);
+}
+
 void text(cairo_t* cr, double x, double y, const std::string& s, double size = 12, unsigned rgb = 0xE6E6E6) {
   cairo_set_font_size(cr, size);
   color(cr, rgb);
   cairo_move_to(cr, x, y);
-  cairo_show_text(cr, s.substr(0, 80).c_str());
+  cairo_show_text(cr, cut(s, 80).c_str());
 }
 
 std::string fixed(double value, int decimals = 1) {
@@ -185,7 +192,7 @@ std::string snapshotPNG(const Session& session) {
     color(cr, 0x23272D);
     cairo_rectangle(cr, kLane, top, kWidth - kLane, kTrackHeight - 1);
     cairo_fill(cr);
-    text(cr, 8, top + 18, track["name"].get<std::string>().substr(0, 18), 12, 0xFFFFFF);
+    text(cr, 8, top + 18, cut(track["name"], 18), 12, 0xFFFFFF);
     std::string flags = track["kind"].get<std::string>();
     if (track["mute"].get<bool>()) flags += "  M";
     if (track["solo"].get<bool>()) flags += "  S";
@@ -216,7 +223,7 @@ std::string snapshotPNG(const Session& session) {
     color(cr, 0xE76F51);
     cairo_rectangle(cr, x, rulerTop, 1.5, bottom - rulerTop);
     cairo_fill(cr);
-    text(cr, x + 3, bottom + 14, marker["name"].get<std::string>().substr(0, 24), 11, 0xE76F51);
+    text(cr, x + 3, bottom + 14, cut(marker["name"], 24), 11, 0xE76F51);
   }
   double playhead = c.x(session.time());
   if (playhead >= kLane && playhead <= kWidth) {

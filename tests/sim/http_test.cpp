@@ -86,6 +86,12 @@ TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
     EXPECT_NE(result->body.find(c.error), std::string::npos) << c.path << " " << c.body << "\n  got: " << result->body;
     EXPECT_TRUE(json::accept(result->body)) << result->body;
   }
+  // Deep enough to overflow the stack of any recursive copy, if it were parsed.
+  std::string deep = R"({"clips":)" + std::string(1000000, '[') + std::string(1000000, ']') + "}";
+  auto nested = client.Post("/v1/select", deep, "application/json");
+  ASSERT_TRUE(nested);
+  EXPECT_EQ(nested->status, 400);
+  EXPECT_NE(nested->body.find("nested more than 64 levels"), std::string::npos);
   auto state = client.Get("/v1/state");
   ASSERT_TRUE(state);
   EXPECT_EQ(json::parse(state->body)["changeCount"], 0);  // nothing above changed anything
