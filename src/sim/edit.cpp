@@ -135,6 +135,17 @@ const std::map<std::string, Handler, std::less<>>& handlers() {
   return table;
 }
 
+// Pastes, ripples and moves may push material along; none may end past the timeline.
+void checkBounds(Editor& e) {
+  for (const json& track : e.tracks()) {
+    for (const json& clip : track["clips"])
+      if (clipEnd(clip) > kMaxTime) e.fail("it would move clip " + clip["id"].dump() + " past the timeline's end (24 h)");
+    for (const json& note : track["notes"])
+      if (note["start"].get<double>() + note["duration"].get<double>() > kMaxTime)
+        e.fail("it would move note " + note["id"].dump() + " past the timeline's end (24 h)");
+  }
+}
+
 json newTrack(Editor& e, const std::string& kind, const std::string& name) {
   json track = normalizedDocument({{"tracks", {{{"kind", kind}}}}})["tracks"][0];
   track["name"] = name.empty() ? "Track " + std::to_string(e.tracks().size() + 1) : name;
@@ -345,7 +356,11 @@ json applyEdit(Session& session, const json& request) {
   for (std::size_t i = 0; i < ops.size(); ++i) {
     std::string name = ops[i]["op"];
     editor.at = "ops[" + std::to_string(i) + "] (" + name + ")";
-    handlers().at(name)(editor, ops[i]);
+    json op = ops[i];
+    for (auto item = op.begin(); item != op.end();)  // a null field counts as absent, as the validator took it
+      item = item->is_null() ? op.erase(item) : std::next(item);
+    handlers().at(name)(editor, op);
+    checkBounds(editor);
   }
   session.commit(std::move(editor.doc), label);
   session.clipboard = std::move(editor.clipboard);

@@ -301,6 +301,7 @@ double bounceTrack(const json& document, std::size_t track, const std::string& p
   for (const json& note : document["tracks"][track]["notes"])
     end = std::max(end, note["start"].get<double>() + note["duration"].get<double>());
   if (end <= 0) throw SimError("the track has no notes to bounce");
+  if (end > 600) throw SimError("the simulator bounces at most ten minutes of a track");
   const int rate = 48000;
   auto frames = static_cast<long long>(std::llround(end * rate));
   writeFile(path, Mixer(document, rate, track), {SF_FORMAT_WAV | SF_FORMAT_PCM_24}, rate, 2, 0, frames, "none");
