@@ -2,6 +2,8 @@
 
 #include <httplib.h>
 
+#include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -132,6 +134,25 @@ json help() {
       {"osc", "The simulator takes no OSC input; oscInPort is null."}};
 }
 
+// While playing, the meters show the mix's peaks over the 50 ms at the playhead.
+json stateWithMeters(const Session& session) {
+  json state = session.state();
+  if (!state["playing"].get<bool>()) return state;
+  try {
+    constexpr std::size_t frames = 2400;
+    std::vector<float> block(2 * frames);
+    Mixer(session.document(), 48000).render(state["time"].get<double>(), frames, block.data());
+    float left = 0, right = 0;
+    for (std::size_t i = 0; i < frames; ++i)
+      left = std::max(left, std::abs(block[2 * i])), right = std::max(right, std::abs(block[2 * i + 1]));
+    state["peakLeft"] = std::round(left * 1e4) / 1e4;
+    state["peakRight"] = std::round(right * 1e4) / 1e4;
+  } catch (const SimError&) {
+    // A clip whose file has gone plays as silence here; exports report it.
+  }
+  return state;
+}
+
 json openFile(Session& session, const std::string& path) {
   if (isProjectFile(path)) {
     std::ifstream in(path, std::ios::binary);
@@ -190,7 +211,7 @@ void installRoutes(httplib::Server& server, Session& session, std::mutex& lock) 
     };
   };
 
-  server.Get("/v1/state", route([&](const httplib::Request&) { return session.state(); }));
+  server.Get("/v1/state", route([&](const httplib::Request&) { return stateWithMeters(session); }));
   server.Get("/v1/document", route([&](const httplib::Request&) { return session.document(); }));
   server.Put("/v1/document", route([&](const httplib::Request& request) {
                json document = normalizedDocument(bodyOf(request));

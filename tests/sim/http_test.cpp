@@ -111,7 +111,7 @@ TEST(Http, StateFollowsTransportSelectionAndHistory) {
   std::string clip = post("/v1/import", {{"path", scratch.file("tone.wav")}, {"at", 1}})["clip"];
   post("/v1/select", {{"clips", {clip}}, {"track", 0}, {"range", {1, 2}}});
   post("/v1/transport", {{"action", "loop"}, {"range", {0, 4}}});
-  post("/v1/transport", {{"action", "seek"}, {"time", 2.5}});
+  post("/v1/transport", {{"action", "seek"}, {"time", 1.25}});
   json now = state();
   for (const char* key : {"file", "dirty", "changeCount", "playing", "time", "duration", "loopRange", "selectionRange",
                           "selectedClips", "selectedTrack", "peakLeft", "peakRight", "oscInPort", "apiPort", "undoLabel",
@@ -121,7 +121,8 @@ TEST(Http, StateFollowsTransportSelectionAndHistory) {
   EXPECT_EQ(now["selectedTrack"], 0);
   EXPECT_EQ(now["selectionRange"], json::array({1.0, 2.0}));
   EXPECT_EQ(now["loopRange"], json::array({0.0, 4.0}));
-  EXPECT_EQ(now["time"], 2.5);
+  EXPECT_EQ(now["time"], 1.25);
+  EXPECT_EQ(now["peakLeft"], 0.0);
   EXPECT_EQ(now["duration"], 5.0);
   EXPECT_EQ(now["playing"], false);
   EXPECT_EQ(now["undoLabel"], "Import tone.wav");
@@ -130,7 +131,9 @@ TEST(Http, StateFollowsTransportSelectionAndHistory) {
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   now = state();
   EXPECT_EQ(now["playing"], true);
-  EXPECT_GT(now["time"].get<double>(), 2.5);
+  EXPECT_GT(now["time"].get<double>(), 1.25);
+  EXPECT_NEAR(now["peakLeft"].get<double>(), 0.5, 0.01);  // the tone under the playhead
+  EXPECT_NEAR(now["peakRight"].get<double>(), 0.5, 0.01);
   post("/v1/transport", {{"action", "stop"}});
   EXPECT_EQ(state()["time"], 0.0);
 
