@@ -21,11 +21,15 @@ struct Cached {
   long long mtime, size;
 };
 
-double rounded(double value) { return std::round(value * 1e5) / 1e5; }
+double rounded(double value) {
+  return std::round(value * 1e5) / 1e5;
+}
 
 }  // namespace
 
-double gainToDb(double gain) { return gain > 1e-10 ? 20 * std::log10(gain) : -200.0; }
+double gainToDb(double gain) {
+  return gain > 1e-10 ? 20 * std::log10(gain) : -200.0;
+}
 
 float AudioData::at(int channel, double frame) const {
   if (frames == 0 || !(frame >= 0 && frame <= double(frames - 1))) return 0;
@@ -76,21 +80,29 @@ nlohmann::json waveform(const std::string& path, int bins) {
     for (long long frame = from; frame < to; ++frame) {
       double loudest = 0;
       for (int c = 0; c < audio->channels; ++c)
-        loudest = std::max(loudest, double(std::abs(audio->samples[std::size_t(frame * audio->channels + c)])));
+        loudest =
+            std::max(loudest, double(std::abs(audio->samples[std::size_t(frame * audio->channels + c)])));
       peak = std::max(peak, loudest);
       sum += loudest * loudest;
     }
     peaks.push_back(rounded(peak));
     rms.push_back(rounded(to > from ? std::sqrt(sum / double(to - from)) : 0));
   }
-  return {{"path", path},       {"sampleRate", audio->sampleRate}, {"channels", audio->channels},
-          {"frames", audio->frames}, {"duration", audio->duration()}, {"bins", bins},
-          {"binDuration", audio->duration() / bins}, {"peak", peaks}, {"rms", rms}};
+  return {{"path", path},
+          {"sampleRate", audio->sampleRate},
+          {"channels", audio->channels},
+          {"frames", audio->frames},
+          {"duration", audio->duration()},
+          {"bins", bins},
+          {"binDuration", audio->duration() / bins},
+          {"peak", peaks},
+          {"rms", rms}};
 }
 
 nlohmann::json silences(const std::string& path, double thresholdDB, double minDuration) {
   if (!(thresholdDB <= 0 && thresholdDB >= -200)) throw SimError("thresholdDB must lie between -200 and 0");
-  if (!(minDuration >= 0 && minDuration <= kMaxTime)) throw SimError("minDuration must be a non-negative time");
+  if (!(minDuration >= 0 && minDuration <= kMaxTime))
+    throw SimError("minDuration must be a non-negative time");
   auto audio = loadAudio(path);
   // Windows of 5 ms: fine enough to cut on, coarse enough that one zero crossing is no silence.
   const long long window = std::max(1, audio->sampleRate / 200);
@@ -101,7 +113,8 @@ nlohmann::json silences(const std::string& path, double thresholdDB, double minD
   auto close = [&](long long end) {
     double start = double(silentFrom) / audio->sampleRate, stop = double(end) / audio->sampleRate;
     if (stop - start >= minDuration && stop > start) {
-      found.push_back({{"start", rounded(start)}, {"end", rounded(stop)}, {"duration", rounded(stop - start)}});
+      found.push_back(
+          {{"start", rounded(start)}, {"end", rounded(stop)}, {"duration", rounded(stop - start)}});
       total += stop - start;
     }
     silentFrom = -1;
@@ -116,8 +129,12 @@ nlohmann::json silences(const std::string& path, double thresholdDB, double minD
     if (!silent && silentFrom >= 0) close(from);
   }
   if (silentFrom >= 0) close(audio->frames);
-  return {{"path", path},           {"duration", audio->duration()}, {"thresholdDB", thresholdDB},
-          {"minDuration", minDuration}, {"silences", found},         {"totalSilence", rounded(total)}};
+  return {{"path", path},
+          {"duration", audio->duration()},
+          {"thresholdDB", thresholdDB},
+          {"minDuration", minDuration},
+          {"silences", found},
+          {"totalSilence", rounded(total)}};
 }
 
 void writeTestTone(const std::string& path) {
@@ -132,8 +149,9 @@ void writeTestTone(const std::string& path) {
   std::vector<float> samples(std::size_t(rate * 4));
   for (std::size_t i = 0; i < samples.size(); ++i) {
     double t = double(i) / rate;
-    double tone = t < 1.5 ? 0.5 * std::sin(2 * std::numbers::pi * 440 * t)
-                  : t >= 2 && t < 3.5 ? 0.25 * std::sin(2 * std::numbers::pi * 660 * t) : 0;
+    double tone = t < 1.5             ? 0.5 * std::sin(2 * std::numbers::pi * 440 * t)
+                  : t >= 2 && t < 3.5 ? 0.25 * std::sin(2 * std::numbers::pi * 660 * t)
+                                      : 0;
     samples[i] = float(tone);
   }
   sf_count_t written = sf_writef_float(file, samples.data(), sf_count_t(samples.size()));

@@ -33,7 +33,9 @@ nlohmann::json silences(const std::string& path, double thresholdDB, double minD
 // Half-second-granular test material: tone, silence, quieter tone, silence.
 void writeTestTone(const std::string& path);
 
-inline double dbToGain(double db) { return std::pow(10.0, db / 20.0); }
+inline double dbToGain(double db) {
+  return std::pow(10.0, db / 20.0);
+}
 double gainToDb(double gain);
 
 }  // namespace tondrel::sim

@@ -45,18 +45,22 @@ double Editor::number(const json& op, const char* key, double fallback, double l
   return value;
 }
 
-long long Editor::integer(const json& op, const char* key, long long fallback, long long low, long long high) {
+long long Editor::integer(const json& op, const char* key, long long fallback, long long low,
+                          long long high) {
   return static_cast<long long>(number(op, key, double(fallback), double(low), double(high)));
 }
 
-double Editor::time(const json& op, const char* key, double fallback) { return number(op, key, fallback, 0, kMaxTime); }
+double Editor::time(const json& op, const char* key, double fallback) {
+  return number(op, key, fallback, 0, kMaxTime);
+}
 
 std::string Editor::shape(const json& op, const char* key, const std::string& fallback) {
   if (!op.contains(key) || op[key].is_null()) return fallback;
   std::string value = op[key];
   for (const char* known : {"cosine", "linear", "exponential", "logarithmic"})
     if (value == known) return value;
-  fail(std::string(key) + " must be \"cosine\", \"linear\", \"exponential\" or \"logarithmic\", got \"" + value + "\"");
+  fail(std::string(key) + " must be \"cosine\", \"linear\", \"exponential\" or \"logarithmic\", got \"" +
+       value + "\"");
 }
 
 std::pair<double, double> Editor::range(const json& op) {
@@ -86,9 +90,11 @@ json Editor::piece(const json& clip, double from, double to, bool keepFades) {
 
 void Editor::rippleFrom(json& track, double from, double by) {
   for (json& clip : track["clips"])
-    if (clip["offset"].get<double>() >= from - 1e-9) clip["offset"] = std::max(0.0, clip["offset"].get<double>() - by);
+    if (clip["offset"].get<double>() >= from - 1e-9)
+      clip["offset"] = std::max(0.0, clip["offset"].get<double>() - by);
   for (json& note : track["notes"])
-    if (note["start"].get<double>() >= from - 1e-9) note["start"] = std::max(0.0, note["start"].get<double>() - by);
+    if (note["start"].get<double>() >= from - 1e-9)
+      note["start"] = std::max(0.0, note["start"].get<double>() - by);
 }
 
 void Editor::removeRange(double start, double end, bool ripple) {
@@ -118,8 +124,10 @@ void Editor::removeRange(double start, double end, bool ripple) {
   if (ripple)
     for (json& marker : doc["markers"]) {
       double t = marker["time"];
-      if (t >= end) marker["time"] = t - (end - start);
-      else if (t > start) marker["time"] = start;
+      if (t >= end)
+        marker["time"] = t - (end - start);
+      else if (t > start)
+        marker["time"] = start;
     }
 }
 
@@ -139,7 +147,8 @@ const std::map<std::string, Handler, std::less<>>& handlers() {
 void checkBounds(Editor& e) {
   for (const json& track : e.tracks()) {
     for (const json& clip : track["clips"])
-      if (clipEnd(clip) > kMaxTime) e.fail("it would move clip " + clip["id"].dump() + " past the timeline's end (24 h)");
+      if (clipEnd(clip) > kMaxTime)
+        e.fail("it would move clip " + clip["id"].dump() + " past the timeline's end (24 h)");
     for (const json& note : track["notes"])
       if (note["start"].get<double>() + note["duration"].get<double>() > kMaxTime)
         e.fail("it would move note " + note["id"].dump() + " past the timeline's end (24 h)");
@@ -158,12 +167,16 @@ std::size_t midiTrack(Editor& e, const json& op) {
     index = e.trackIndex(op["track"]);
   } else {
     auto selected = e.session.selectedTrack;
-    if (selected && std::size_t(*selected) < e.tracks().size() && e.tracks()[std::size_t(*selected)]["kind"] == "midi")
+    if (selected && std::size_t(*selected) < e.tracks().size() &&
+        e.tracks()[std::size_t(*selected)]["kind"] == "midi")
       return std::size_t(*selected);
-    for (index = 0; index < e.tracks().size() && e.tracks()[index]["kind"] != "midi"; ++index) {}
-    if (index == e.tracks().size()) e.fail("no MIDI track to put notes on; add one with track.add and kind \"midi\"");
+    for (index = 0; index < e.tracks().size() && e.tracks()[index]["kind"] != "midi"; ++index) {
+    }
+    if (index == e.tracks().size())
+      e.fail("no MIDI track to put notes on; add one with track.add and kind \"midi\"");
   }
-  if (e.tracks()[index]["kind"] != "midi") e.fail("track " + std::to_string(index) + " is an audio track, not MIDI");
+  if (e.tracks()[index]["kind"] != "midi")
+    e.fail("track " + std::to_string(index) + " is an audio track, not MIDI");
   return index;
 }
 
@@ -181,15 +194,17 @@ std::vector<json*> namedNotes(Editor& e, const json& op) {
 }
 
 void sortNotes(json& track) {
-  std::stable_sort(track["notes"].begin(), track["notes"].end(),
-                   [](const json& a, const json& b) { return a["start"].get<double>() < b["start"].get<double>(); });
+  std::stable_sort(track["notes"].begin(), track["notes"].end(), [](const json& a, const json& b) {
+    return a["start"].get<double>() < b["start"].get<double>();
+  });
 }
 
 }  // namespace
 
 void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
   map["track.add"] = [](Editor& e, const json& op) {
-    long long at = e.integer(op, "at", static_cast<long long>(e.tracks().size()), 0, static_cast<long long>(e.tracks().size()));
+    long long at = e.integer(op, "at", static_cast<long long>(e.tracks().size()), 0,
+                             static_cast<long long>(e.tracks().size()));
     json track = newTrack(e, op.value("kind", "audio"), op.value("name", ""));
     track["program"] = e.integer(op, "program", 0, 0, 127);
     track["channel"] = e.integer(op, "channel", 0, 0, 15);
@@ -211,9 +226,12 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
     e.tracks().insert(e.tracks().begin() + long(index) + 1, copy);
   };
   map["track.move"] = [](Editor& e, const json& op) {
-    long long from = static_cast<long long>(e.trackIndex(op["track"])), last = static_cast<long long>(e.tracks().size()) - 1;
-    if (!op.contains("to") && !op.contains("delta")) e.fail("give to (an index) or delta (a number of places)");
-    long long to = op.contains("to") ? e.integer(op, "to", 0, 0, last) : from + e.integer(op, "delta", 0, -1000000, 1000000);
+    long long from = static_cast<long long>(e.trackIndex(op["track"])),
+              last = static_cast<long long>(e.tracks().size()) - 1;
+    if (!op.contains("to") && !op.contains("delta"))
+      e.fail("give to (an index) or delta (a number of places)");
+    long long to = op.contains("to") ? e.integer(op, "to", 0, 0, last)
+                                     : from + e.integer(op, "delta", 0, -1000000, 1000000);
     to = std::clamp(to, 0LL, last);
     json track = e.tracks()[std::size_t(from)];
     e.tracks().erase(e.tracks().begin() + from);
@@ -235,8 +253,9 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
     json& track = e.tracks()[index];
     if (track["kind"] != "midi") e.fail("track " + std::to_string(index) + " is already an audio track");
     if (!e.session.file) e.fail("save the project first: the bounce is written next to the project file");
-    std::string path = (std::filesystem::path(*e.session.file).parent_path() /
-                        ("bounce-" + newUuid().substr(0, 8) + ".wav")).string();
+    std::string path =
+        (std::filesystem::path(*e.session.file).parent_path() / ("bounce-" + newUuid().substr(0, 8) + ".wav"))
+            .string();
     double length = 0;
     try {
       length = bounceTrack(e.doc, index, path);
@@ -246,12 +265,15 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
     json audio = newTrack(e, "audio", track["name"].get<std::string>() + " (bounced)");
     audio["gainDB"] = track["gainDB"];
     audio["pan"] = track["pan"];
-    json clip = normalizedDocument({{"tracks", {{{"clips", {{{"path", path}, {"duration", length}}}}}}}})["tracks"][0]["clips"][0];
+    json clip = normalizedDocument(
+        {{"tracks", {{{"clips", {{{"path", path}, {"duration", length}}}}}}}})["tracks"][0]["clips"][0];
     audio["clips"].push_back(clip);
     e.created.push_back(audio["id"]);
     e.created.push_back(clip["id"]);
-    if (op.value("replace", false)) e.tracks()[index] = audio;
-    else e.tracks().insert(e.tracks().begin() + long(index) + 1, audio);
+    if (op.value("replace", false))
+      e.tracks()[index] = audio;
+    else
+      e.tracks().insert(e.tracks().begin() + long(index) + 1, audio);
   };
 
   map["note.add"] = [](Editor& e, const json& op) {
@@ -284,8 +306,12 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
     note["start"] = newStart;
     note["duration"] = duration;
   };
-  map["note.velocity"] = [](Editor& e, const json& op) { e.note(op["note"])["velocity"] = e.integer(op, "velocity", 100, 1, 127); };
-  map["note.pitch"] = [](Editor& e, const json& op) { e.note(op["note"])["pitch"] = e.integer(op, "pitch", 60, 0, 127); };
+  map["note.velocity"] = [](Editor& e, const json& op) {
+    e.note(op["note"])["velocity"] = e.integer(op, "velocity", 100, 1, 127);
+  };
+  map["note.pitch"] = [](Editor& e, const json& op) {
+    e.note(op["note"])["pitch"] = e.integer(op, "pitch", 60, 0, 127);
+  };
   map["note.remove"] = [](Editor& e, const json& op) {
     for (const json& id : op["notes"]) {
       auto [t, n] = e.findNote(id);
@@ -300,13 +326,15 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
   };
   map["note.quantize"] = [](Editor& e, const json& op) {
     double grid = e.number(op, "subdivisionBeats", 0.25, 1.0 / 64, 64) * e.beat();
-    for (json* note : namedNotes(e, op)) (*note)["start"] = std::round((*note)["start"].get<double>() / grid) * grid;
+    for (json* note : namedNotes(e, op))
+      (*note)["start"] = std::round((*note)["start"].get<double>() / grid) * grid;
   };
   map["note.transpose"] = [](Editor& e, const json& op) {
     long long semitones = e.integer(op, "semitones", 0, -127, 127);
     for (json* note : namedNotes(e, op)) {
       long long pitch = (*note)["pitch"].get<long long>() + semitones;
-      if (pitch < 0 || pitch > 127) e.fail("transposing note " + (*note)["id"].dump() + " leaves the MIDI range 0-127");
+      if (pitch < 0 || pitch > 127)
+        e.fail("transposing note " + (*note)["id"].dump() + " leaves the MIDI range 0-127");
       (*note)["pitch"] = pitch;
     }
   };
@@ -326,8 +354,9 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
                    {"time", e.time(op, "time", 0)}};
     e.created.push_back(marker["id"]);
     markers.push_back(marker);
-    std::stable_sort(markers.begin(), markers.end(),
-                     [](const json& a, const json& b) { return a["time"].get<double>() < b["time"].get<double>(); });
+    std::stable_sort(markers.begin(), markers.end(), [](const json& a, const json& b) {
+      return a["time"].get<double>() < b["time"].get<double>();
+    });
   };
   map["marker.remove"] = [](Editor& e, const json& op) {
     json& markers = e.doc["markers"];
@@ -337,19 +366,24 @@ void addTrackNoteOperations(std::map<std::string, Handler, std::less<>>& map) {
         markers.erase(markers.begin() + long(i));
         return;
       }
-    e.fail("no marker " + reference.dump() + ": the project has " + std::to_string(markers.size()) + " markers");
+    e.fail("no marker " + reference.dump() + ": the project has " + std::to_string(markers.size()) +
+           " markers");
   };
-  map["master.gain"] = [](Editor& e, const json& op) { e.doc["masterGainDB"] = e.number(op, "db", 0, -96, 24); };
+  map["master.gain"] = [](Editor& e, const json& op) {
+    e.doc["masterGainDB"] = e.number(op, "db", 0, -96, 24);
+  };
 }
 
 json applyEdit(Session& session, const json& request) {
-  if (!request.is_object() || !request.contains("ops")) throw SimError("the body must be an object with \"ops\", an array");
+  if (!request.is_object() || !request.contains("ops"))
+    throw SimError("the body must be an object with \"ops\", an array");
   const json& ops = request["ops"];
   validateOps(ops);
   std::string label;
   if (request.contains("label") && request["label"].is_string()) label = request["label"];
   if (label.empty())
-    label = ops.size() == 1 ? ops[0]["op"].get<std::string>() : "Edit (" + std::to_string(ops.size()) + " operations)";
+    label = ops.size() == 1 ? ops[0]["op"].get<std::string>()
+                            : "Edit (" + std::to_string(ops.size()) + " operations)";
   if (ops.empty()) return {{"ok", true}, {"applied", 0}, {"created", json::array()}};
 
   Editor editor{session, session.document(), session.clipboard, session.clipboardLength, json::array(), ""};
@@ -357,7 +391,8 @@ json applyEdit(Session& session, const json& request) {
     std::string name = ops[i]["op"];
     editor.at = "ops[" + std::to_string(i) + "] (" + name + ")";
     json op = ops[i];
-    for (auto item = op.begin(); item != op.end();)  // a null field counts as absent, as the validator took it
+    for (auto item = op.begin();
+         item != op.end();)  // a null field counts as absent, as the validator took it
       item = item->is_null() ? op.erase(item) : std::next(item);
     handlers().at(name)(editor, op);
     checkBounds(editor);
@@ -365,7 +400,10 @@ json applyEdit(Session& session, const json& request) {
   session.commit(std::move(editor.doc), label);
   session.clipboard = std::move(editor.clipboard);
   session.clipboardLength = editor.clipboardLength;
-  return {{"ok", true}, {"label", label}, {"applied", ops.size()}, {"created", editor.created},
+  return {{"ok", true},
+          {"label", label},
+          {"applied", ops.size()},
+          {"created", editor.created},
           {"duration", projectDuration(session.document())}};
 }
 

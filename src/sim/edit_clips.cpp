@@ -13,11 +13,13 @@ namespace {
 std::size_t audioTrack(Editor& e, const json& op, const std::string& nameForNew) {
   if (op.contains("track") && !op["track"].is_null()) {
     std::size_t index = e.trackIndex(op["track"]);
-    if (e.tracks()[index]["kind"] != "audio") e.fail("track " + std::to_string(index) + " is a MIDI track, not audio");
+    if (e.tracks()[index]["kind"] != "audio")
+      e.fail("track " + std::to_string(index) + " is a MIDI track, not audio");
     return index;
   }
   auto selected = e.session.selectedTrack;
-  if (selected && std::size_t(*selected) < e.tracks().size() && e.tracks()[std::size_t(*selected)]["kind"] == "audio")
+  if (selected && std::size_t(*selected) < e.tracks().size() &&
+      e.tracks()[std::size_t(*selected)]["kind"] == "audio")
     return std::size_t(*selected);
   for (std::size_t i = 0; i < e.tracks().size(); ++i)
     if (e.tracks()[i]["kind"] == "audio") return i;
@@ -28,8 +30,9 @@ std::size_t audioTrack(Editor& e, const json& op, const std::string& nameForNew)
 }
 
 void sortClips(json& track) {
-  std::stable_sort(track["clips"].begin(), track["clips"].end(),
-                   [](const json& a, const json& b) { return a["offset"].get<double>() < b["offset"].get<double>(); });
+  std::stable_sort(track["clips"].begin(), track["clips"].end(), [](const json& a, const json& b) {
+    return a["offset"].get<double>() < b["offset"].get<double>();
+  });
 }
 
 // Splits the clip at time `at` when it spans it; the right half gets a new id, which is returned.
@@ -45,9 +48,11 @@ json splitAt(Editor& e, json& track, std::size_t index, double at) {
 
 double sourcePeak(const json& clip, const AudioData& audio) {
   double from = clip["sourceStart"], to = from + clip["duration"].get<double>();
-  auto first = static_cast<long long>(from * audio.sampleRate), last = static_cast<long long>(to * audio.sampleRate);
+  auto first = static_cast<long long>(from * audio.sampleRate),
+       last = static_cast<long long>(to * audio.sampleRate);
   float peak = 0;
-  for (long long i = std::max(0LL, first) * audio.channels; i < std::min(last, audio.frames) * audio.channels; ++i)
+  for (long long i = std::max(0LL, first) * audio.channels; i < std::min(last, audio.frames) * audio.channels;
+       ++i)
     peak = std::max(peak, std::abs(audio.samples[std::size_t(i)]));
   return peak;
 }
@@ -67,14 +72,18 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
     double sourceStart = e.number(op, "sourceStart", 0, 0, length);
     double duration = e.number(op, "duration", length - sourceStart, 0, length - sourceStart);
     if (duration <= 0) e.fail("the clip would be empty: " + path + " lasts " + show(length) + " s");
-    json clip = {{"id", newUuid()},           {"path", path},
-                 {"offset", e.time(op, "offset", 0)}, {"sourceStart", sourceStart},
-                 {"duration", duration},      {"sourceDuration", length},
+    json clip = {{"id", newUuid()},
+                 {"path", path},
+                 {"offset", e.time(op, "offset", 0)},
+                 {"sourceStart", sourceStart},
+                 {"duration", duration},
+                 {"sourceDuration", length},
                  {"gainDB", e.number(op, "gainDB", 0, -96, 24)},
                  {"fadeIn", std::min(duration, e.time(op, "fadeIn", 0))},
                  {"fadeOut", std::min(duration, e.time(op, "fadeOut", 0))},
                  {"fadeShape", e.shape(op, "fadeShape", "cosine")},
-                 {"reversed", false},         {"mute", false}};
+                 {"reversed", false},
+                 {"mute", false}};
     json& track = e.tracks()[audioTrack(e, op, std::filesystem::path(path).stem().string())];
     e.created.push_back(clip["id"]);
     track["clips"].push_back(clip);
@@ -99,8 +108,9 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
     json& clip = e.clip(op["clip"]);
     double by = e.number(op, "by", 0, -kMaxTime, kMaxTime);
     double room = clip["sourceDuration"].get<double>() - clip["duration"].get<double>();
-    clip["sourceStart"] = std::clamp(clip["sourceStart"].get<double>() + (clip["reversed"].get<bool>() ? -by : by), 0.0,
-                                     std::max(0.0, room));
+    clip["sourceStart"] =
+        std::clamp(clip["sourceStart"].get<double>() + (clip["reversed"].get<bool>() ? -by : by), 0.0,
+                   std::max(0.0, room));
   };
   map["clip.split"] = [](Editor& e, const json& op) {
     double at = e.time(op, "at", 0);
@@ -149,7 +159,9 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
     clip["fadeOut"] = std::min(duration, e.time(op, "fadeOut", clip["fadeOut"]));
     clip["fadeShape"] = e.shape(op, "shape", clip["fadeShape"]);
   };
-  map["clip.gain"] = [](Editor& e, const json& op) { e.clip(op["clip"])["gainDB"] = e.number(op, "db", 0, -96, 24); };
+  map["clip.gain"] = [](Editor& e, const json& op) {
+    e.clip(op["clip"])["gainDB"] = e.number(op, "db", 0, -96, 24);
+  };
   map["clip.normalize"] = [](Editor& e, const json& op) {
     json& clip = e.clip(op["clip"]);
     double target = e.number(op, "targetDB", 0, -96, 0);
@@ -188,7 +200,8 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
     e.clipboard = json::array();
     e.clipboardLength = end - start;
     for (std::size_t t = 0; t < e.tracks().size(); ++t) {
-      json entry = {{"track", t}, {"kind", e.tracks()[t]["kind"]}, {"clips", json::array()}, {"notes", json::array()}};
+      json entry = {
+          {"track", t}, {"kind", e.tracks()[t]["kind"]}, {"clips", json::array()}, {"notes", json::array()}};
       for (const json& clip : e.tracks()[t]["clips"]) {
         double from = std::max(start, clip["offset"].get<double>()), to = std::min(end, clipEnd(clip));
         if (to <= from) continue;
@@ -220,10 +233,12 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
     std::size_t base = op.contains("track") && !op["track"].is_null() ? e.trackIndex(op["track"]) : first;
     for (const json& entry : e.clipboard) {
       std::size_t target = base + entry["track"].get<std::size_t>() - first;
-      if (target >= e.tracks().size()) e.fail("the clipboard needs track " + std::to_string(target) + ", which does not exist");
+      if (target >= e.tracks().size())
+        e.fail("the clipboard needs track " + std::to_string(target) + ", which does not exist");
       json& track = e.tracks()[target];
       if (track["kind"] != entry["kind"])
-        e.fail("cannot paste " + entry["kind"].get<std::string>() + " material onto track " + std::to_string(target));
+        e.fail("cannot paste " + entry["kind"].get<std::string>() + " material onto track " +
+               std::to_string(target));
       if (op.value("ripple", false)) {
         for (std::size_t c = 0; c < track["clips"].size(); ++c)
           if (!splitAt(e, track, c, at).is_null()) ++c;
@@ -252,7 +267,8 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
     auto [start, end] = e.range(op);
     json kept = json::array();
     for (const json& marker : e.doc["markers"])
-      if (marker["time"].get<double>() >= start && marker["time"].get<double>() <= end) kept.push_back(marker);
+      if (marker["time"].get<double>() >= start && marker["time"].get<double>() <= end)
+        kept.push_back(marker);
     e.doc["markers"] = kept;
     e.removeRange(end, kMaxTime, false);
     if (start > 0) e.removeRange(0, start, true);
@@ -269,9 +285,12 @@ void addClipRangeOperations(std::map<std::string, Handler, std::less<>>& map) {
       if (track["locked"].get<bool>()) continue;
       for (json& clip : track["clips"]) {
         double from = clip["offset"], to = clipEnd(clip), duration = clip["duration"];
-        if (in && from >= start && from < end) clip["fadeIn"] = std::min(duration, end - from);
-        else if (!in && to > start && to <= end) clip["fadeOut"] = std::min(duration, to - start);
-        else continue;
+        if (in && from >= start && from < end)
+          clip["fadeIn"] = std::min(duration, end - from);
+        else if (!in && to > start && to <= end)
+          clip["fadeOut"] = std::min(duration, to - start);
+        else
+          continue;
         clip["fadeShape"] = shape;
         any = true;
       }

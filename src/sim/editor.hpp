@@ -12,11 +12,11 @@ namespace tondrel::sim {
 
 struct Editor {
   Session& session;
-  json doc;                // the working copy
-  json clipboard;          // range.copy's result, committed with the batch
+  json doc;        // the working copy
+  json clipboard;  // range.copy's result, committed with the batch
   double clipboardLength;
   json created = json::array();
-  std::string at;          // "ops[3] (clip.trim)": the prefix of every message
+  std::string at;  // "ops[3] (clip.trim)": the prefix of every message
 
   [[noreturn]] void fail(const std::string& message) const { throw SimError(at + ": " + message); }
 

@@ -31,8 +31,10 @@ void checkDepth(const std::string& text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     char c = text[i];
     if (inString) {
-      if (c == '\\') ++i;
-      else if (c == '"') inString = false;
+      if (c == '\\')
+        ++i;
+      else if (c == '"')
+        inString = false;
     } else if (c == '"') {
       inString = true;
     } else if (c == '[' || c == '{') {
@@ -63,7 +65,8 @@ std::string stringArgument(const json& body, const char* key) {
 
 std::string absolutePath(const json& body, const char* key) {
   std::string path = stringArgument(body, key);
-  if (!std::filesystem::path(path).is_absolute()) throw SimError(std::string(key) + " must be an absolute path");
+  if (!std::filesystem::path(path).is_absolute())
+    throw SimError(std::string(key) + " must be an absolute path");
   return path;
 }
 
@@ -106,32 +109,41 @@ json help() {
   auto endpoint = [](const char* method, const char* path, const char* what) {
     return json{{"method", method}, {"path", path}, {"description", what}};
   };
-  return {
-      {"name", "tondrel-editor-sim"},
-      {"about", "A headless stand-in for the Tondrel editor's local HTTP API. Times are seconds, tracks 0-based "
-                "indexes or UUIDs, clips and notes UUIDs. Errors answer 4xx with {\"error\": message}."},
-      {"endpoints",
-       {endpoint("GET", "/v1/state", "Transport, selection, undo labels, file and dirty flag."),
-        endpoint("GET", "/v1/document", "The project: sampleRate, tempo, masterGainDB, tracks (clips, notes), markers."),
-        endpoint("PUT", "/v1/document", "Replace the project with the body, as one undo step; ?save=1 also saves it."),
-        endpoint("GET", "/v1/help", "This reference."),
-        endpoint("POST", "/v1/edit", "{ops: [...], label?}: apply the operations below atomically as one undo step."),
-        endpoint("POST", "/v1/open", "{path}: open a .tondrel project (JSON) or an audio file as a new project."),
-        endpoint("POST", "/v1/import", "{path, track?, at?}: add an audio file as a clip; a new track when track is omitted."),
-        endpoint("POST", "/v1/export",
-                 "{path, format?, sampleRate?, bitDepth?, bitRateKbps?, channels?, normalization?, range?, stems?}: "
-                 "render the mix (wav, aiff, caf, flac, alac, mp3)."),
-        endpoint("POST", "/v1/transport", "{action: play|pause|toggle|stop|rewind|seek|loop|loopOff, time?, range?}"),
-        endpoint("POST", "/v1/select", "{clips?, track?, range?, fit?}: members given replace that part; {} clears."),
-        endpoint("POST", "/v1/undo", "Undo the last step."),
-        endpoint("POST", "/v1/redo", "Redo the last undone step."),
-        endpoint("POST", "/v1/save", "{path?}: save the project as JSON, at path or where it was opened or saved."),
-        endpoint("GET", "/v1/snapshot.png", "A PNG picture of the session."),
-        endpoint("GET", "/v1/waveform?path=&bins=200", "Peak and RMS per bin of an audio file."),
-        endpoint("GET", "/v1/silences?path=&thresholdDB=-42&minDuration=0.15",
-                 "Intervals quieter than thresholdDB for at least minDuration seconds.")}},
-      {"editOperations", editReference()},
-      {"osc", "The simulator takes no OSC input; oscInPort is null."}};
+  return {{"name", "tondrel-editor-sim"},
+          {"about",
+           "A headless stand-in for the Tondrel editor's local HTTP API. Times are seconds, tracks 0-based "
+           "indexes or UUIDs, clips and notes UUIDs. Errors answer 4xx with {\"error\": message}."},
+          {"endpoints",
+           {endpoint("GET", "/v1/state", "Transport, selection, undo labels, file and dirty flag."),
+            endpoint("GET", "/v1/document",
+                     "The project: sampleRate, tempo, masterGainDB, tracks (clips, notes), markers."),
+            endpoint("PUT", "/v1/document",
+                     "Replace the project with the body, as one undo step; ?save=1 also saves it."),
+            endpoint("GET", "/v1/help", "This reference."),
+            endpoint("POST", "/v1/edit",
+                     "{ops: [...], label?}: apply the operations below atomically as one undo step."),
+            endpoint("POST", "/v1/open",
+                     "{path}: open a .tondrel project (JSON) or an audio file as a new project."),
+            endpoint("POST", "/v1/import",
+                     "{path, track?, at?}: add an audio file as a clip; a new track when track is omitted."),
+            endpoint("POST", "/v1/export",
+                     "{path, format?, sampleRate?, bitDepth?, bitRateKbps?, channels?, normalization?, "
+                     "range?, stems?}: "
+                     "render the mix (wav, aiff, caf, flac, alac, mp3)."),
+            endpoint("POST", "/v1/transport",
+                     "{action: play|pause|toggle|stop|rewind|seek|loop|loopOff, time?, range?}"),
+            endpoint("POST", "/v1/select",
+                     "{clips?, track?, range?, fit?}: members given replace that part; {} clears."),
+            endpoint("POST", "/v1/undo", "Undo the last step."),
+            endpoint("POST", "/v1/redo", "Redo the last undone step."),
+            endpoint("POST", "/v1/save",
+                     "{path?}: save the project as JSON, at path or where it was opened or saved."),
+            endpoint("GET", "/v1/snapshot.png", "A PNG picture of the session."),
+            endpoint("GET", "/v1/waveform?path=&bins=200", "Peak and RMS per bin of an audio file."),
+            endpoint("GET", "/v1/silences?path=&thresholdDB=-42&minDuration=0.15",
+                     "Intervals quieter than thresholdDB for at least minDuration seconds.")}},
+          {"editOperations", editReference()},
+          {"osc", "The simulator takes no OSC input; oscInPort is null."}};
 }
 
 // While playing, the meters show the mix's peaks over the 50 ms at the playhead.
@@ -166,13 +178,16 @@ json openFile(Session& session, const std::string& path) {
     auto audio = loadAudio(path);
     json document = emptyDocument();
     document["sampleRate"] = audio->sampleRate;
-    document["tracks"] = json::array({{{"name", std::filesystem::path(path).stem().string()},
-                                       {"clips", {{{"path", path}, {"duration", audio->duration()},
-                                                   {"sourceDuration", audio->duration()}}}}}});
+    document["tracks"] = json::array(
+        {{{"name", std::filesystem::path(path).stem().string()},
+          {"clips",
+           {{{"path", path}, {"duration", audio->duration()}, {"sourceDuration", audio->duration()}}}}}});
     session.load(normalizedDocument(document), std::nullopt);
   }
-  return {{"ok", true}, {"file", session.file ? json(*session.file) : json(nullptr)},
-          {"tracks", session.document()["tracks"].size()}, {"duration", projectDuration(session.document())}};
+  return {{"ok", true},
+          {"file", session.file ? json(*session.file) : json(nullptr)},
+          {"tracks", session.document()["tracks"].size()},
+          {"duration", projectDuration(session.document())}};
 }
 
 json importFile(Session& session, const json& body) {
@@ -187,7 +202,8 @@ json importFile(Session& session, const json& body) {
     clip["track"] = session.document()["tracks"].size();
   }
   ops.push_back(clip);
-  json result = applyEdit(session, {{"ops", ops}, {"label", "Import " + std::filesystem::path(path).filename().string()}});
+  json result = applyEdit(
+      session, {{"ops", ops}, {"label", "Import " + std::filesystem::path(path).filename().string()}});
   result["clip"] = result["created"].back();
   return result;
 }
@@ -216,54 +232,68 @@ void installRoutes(httplib::Server& server, Session& session, std::mutex& lock) 
   server.Put("/v1/document", route([&](const httplib::Request& request) {
                json document = normalizedDocument(bodyOf(request));
                bool save = request.has_param("save") && request.get_param_value("save") != "0";
-               if (save && !session.file) throw SimError("save=1 needs a project file: save with a path first");
+               if (save && !session.file)
+                 throw SimError("save=1 needs a project file: save with a path first");
                session.commit(document, "Replace Document");
                if (save) saveDocument(session, *session.file);
                return json{{"ok", true}, {"tracks", document["tracks"].size()}, {"saved", save}};
              }));
   server.Get("/v1/help", route([](const httplib::Request&) { return help(); }));
-  server.Post("/v1/edit", route([&](const httplib::Request& request) { return applyEdit(session, bodyOf(request)); }));
+  server.Post("/v1/edit",
+              route([&](const httplib::Request& request) { return applyEdit(session, bodyOf(request)); }));
   server.Post("/v1/open", route([&](const httplib::Request& request) {
                 return openFile(session, absolutePath(bodyOf(request), "path"));
               }));
-  server.Post("/v1/import", route([&](const httplib::Request& request) { return importFile(session, bodyOf(request)); }));
+  server.Post("/v1/import",
+              route([&](const httplib::Request& request) { return importFile(session, bodyOf(request)); }));
   server.Post("/v1/export", route([&](const httplib::Request& request) {
                 return exportAudio(session.document(), bodyOf(request));
               }));
   server.Post("/v1/transport", route([&](const httplib::Request& request) {
                 session.transport(bodyOf(request));
                 json state = session.state();
-                return json{{"ok", true}, {"playing", state["playing"]}, {"time", state["time"]},
+                return json{{"ok", true},
+                            {"playing", state["playing"]},
+                            {"time", state["time"]},
                             {"loopRange", state["loopRange"]}};
               }));
   server.Post("/v1/select", route([&](const httplib::Request& request) {
                 session.select(bodyOf(request));
                 json state = session.state();
-                return json{{"ok", true}, {"selectedClips", state["selectedClips"]},
-                            {"selectedTrack", state["selectedTrack"]}, {"selectionRange", state["selectionRange"]}};
+                return json{{"ok", true},
+                            {"selectedClips", state["selectedClips"]},
+                            {"selectedTrack", state["selectedTrack"]},
+                            {"selectionRange", state["selectionRange"]}};
               }));
   server.Post("/v1/undo", route([&](const httplib::Request&) {
                 json label = session.state()["undoLabel"];
                 session.undo();
-                return json{{"ok", true}, {"undone", label}, {"undoLabel", session.state()["undoLabel"]},
+                return json{{"ok", true},
+                            {"undone", label},
+                            {"undoLabel", session.state()["undoLabel"]},
                             {"redoLabel", session.state()["redoLabel"]}};
               }));
   server.Post("/v1/redo", route([&](const httplib::Request&) {
                 json label = session.state()["redoLabel"];
                 session.redo();
-                return json{{"ok", true}, {"redone", label}, {"undoLabel", session.state()["undoLabel"]},
+                return json{{"ok", true},
+                            {"redone", label},
+                            {"undoLabel", session.state()["undoLabel"]},
                             {"redoLabel", session.state()["redoLabel"]}};
               }));
-  server.Post("/v1/save", route([&](const httplib::Request& request) {
-                json body = bodyOf(request);
-                std::string path;
-                if (body.contains("path") && body["path"].is_string() && !body["path"].get<std::string>().empty())
-                  path = absolutePath(body, "path");
-                else if (session.file) path = *session.file;
-                else throw SimError("the project has no file yet: give path");
-                saveDocument(session, path);
-                return json{{"ok", true}, {"file", path}};
-              }));
+  server.Post(
+      "/v1/save", route([&](const httplib::Request& request) {
+        json body = bodyOf(request);
+        std::string path;
+        if (body.contains("path") && body["path"].is_string() && !body["path"].get<std::string>().empty())
+          path = absolutePath(body, "path");
+        else if (session.file)
+          path = *session.file;
+        else
+          throw SimError("the project has no file yet: give path");
+        saveDocument(session, path);
+        return json{{"ok", true}, {"file", path}};
+      }));
   server.Get("/v1/snapshot.png", [&](const httplib::Request&, httplib::Response& response) {
     std::lock_guard guard(lock);
     try {
@@ -275,21 +305,23 @@ void installRoutes(httplib::Server& server, Session& session, std::mutex& lock) 
   server.Get("/v1/waveform", route([&](const httplib::Request& request) {
                if (!request.has_param("path")) throw SimError("path is required");
                double bins = queryNumber(request, "bins", 200);
-               if (bins != std::trunc(bins) || bins < 1 || bins > 100000) throw SimError("bins must be an integer from 1 to 100000");
+               if (bins != std::trunc(bins) || bins < 1 || bins > 100000)
+                 throw SimError("bins must be an integer from 1 to 100000");
                return waveform(session.resolvedPath(request.get_param_value("path")), int(bins));
              }));
   server.Get("/v1/silences", route([&](const httplib::Request& request) {
                if (!request.has_param("path")) throw SimError("path is required");
                return silences(session.resolvedPath(request.get_param_value("path")),
-                               queryNumber(request, "thresholdDB", -42), queryNumber(request, "minDuration", 0.15));
+                               queryNumber(request, "thresholdDB", -42),
+                               queryNumber(request, "minDuration", 0.15));
              }));
 
   server.set_error_handler([](const httplib::Request& request, httplib::Response& response) {
     if (!response.body.empty()) return;
-    std::string message = response.status == 404 ? "no such endpoint: " + request.method + " " + request.path +
-                                                       "; GET /v1/help lists them"
-                                                 : "the request could not be read (HTTP status " +
-                                                       std::to_string(response.status) + ")";
+    std::string message =
+        response.status == 404
+            ? "no such endpoint: " + request.method + " " + request.path + "; GET /v1/help lists them"
+            : "the request could not be read (HTTP status " + std::to_string(response.status) + ")";
     answer(response, response.status, {{"error", message}});
   });
   server.set_exception_handler([](const httplib::Request&, httplib::Response& response, std::exception_ptr) {

@@ -13,7 +13,8 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: tondrel-editor-sim [--port N]   serve the editor's API on 127.0.0.1 (default: TONDREL_API_PORT or 17910)\n"
+    "usage: tondrel-editor-sim [--port N]   serve the editor's API on 127.0.0.1 (default: TONDREL_API_PORT "
+    "or 17910)\n"
     "       tondrel-editor-sim --write-test-tone FILE.wav   write a 4-second test tone with two silences\n";
 
 int portNumber(const char* text) {

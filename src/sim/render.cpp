@@ -19,17 +19,23 @@ namespace {
 enum class Shape { linear, cosine, exponential, logarithmic };
 
 Shape shapeNamed(const std::string& name) {
-  return name == "linear" ? Shape::linear : name == "exponential" ? Shape::exponential
-         : name == "logarithmic" ? Shape::logarithmic : Shape::cosine;
+  return name == "linear"        ? Shape::linear
+         : name == "exponential" ? Shape::exponential
+         : name == "logarithmic" ? Shape::logarithmic
+                                 : Shape::cosine;
 }
 
 double fade(Shape shape, double x) {
   x = std::clamp(x, 0.0, 1.0);
   switch (shape) {
-    case Shape::linear: return x;
-    case Shape::exponential: return x * x;
-    case Shape::logarithmic: return std::sqrt(x);
-    case Shape::cosine: break;
+    case Shape::linear:
+      return x;
+    case Shape::exponential:
+      return x * x;
+    case Shape::logarithmic:
+      return std::sqrt(x);
+    case Shape::cosine:
+      break;
   }
   return 0.5 - 0.5 * std::cos(std::numbers::pi * x);
 }
@@ -62,9 +68,11 @@ Mixer::Mixer(const json& document, int sampleRate, std::optional<std::size_t> on
   for (const json& track : document["tracks"]) soloed = soloed || track["solo"].get<bool>();
   for (std::size_t t = 0; t < document["tracks"].size(); ++t) {
     const json& track = document["tracks"][t];
-    if (onlyTrack ? t != *onlyTrack : track["mute"].get<bool>() || (soloed && !track["solo"].get<bool>())) continue;
+    if (onlyTrack ? t != *onlyTrack : track["mute"].get<bool>() || (soloed && !track["solo"].get<bool>()))
+      continue;
     auto plan = std::make_shared<Plan>();
-    double gain = dbToGain(track["gainDB"].get<double>()), pan = std::clamp(track["pan"].get<double>(), -1.0, 1.0);
+    double gain = dbToGain(track["gainDB"].get<double>()),
+           pan = std::clamp(track["pan"].get<double>(), -1.0, 1.0);
     plan->left = float(gain * std::min(1.0, 1 - pan));
     plan->right = float(gain * std::min(1.0, 1 + pan));
     for (const json& clip : track["clips"]) {
@@ -77,7 +85,8 @@ Mixer::Mixer(const json& document, int sampleRate, std::optional<std::size_t> on
       for (const json& note : track["notes"]) {
         double pitch = note["pitch"].get<double>() + track["transpose"].get<double>();
         double start = note["start"];
-        plan->notes.push_back({start, start + note["duration"].get<double>(), 440 * std::pow(2.0, (pitch - 69) / 12),
+        plan->notes.push_back({start, start + note["duration"].get<double>(),
+                               440 * std::pow(2.0, (pitch - 69) / 12),
                                float(0.25 * note["velocity"].get<double>() / 127)});
       }
     tracks_.push_back(plan);
@@ -101,7 +110,8 @@ void Mixer::render(double start, std::size_t frames, float* out) const {
         double source = clip.reversed ? clip.sourceStart + clip.duration - local : clip.sourceStart + local;
         double gain = clip.gain * master_;
         if (local < clip.fadeIn) gain *= fade(clip.shape, local / clip.fadeIn);
-        if (clip.duration - local < clip.fadeOut) gain *= fade(clip.shape, (clip.duration - local) / clip.fadeOut);
+        if (clip.duration - local < clip.fadeOut)
+          gain *= fade(clip.shape, (clip.duration - local) / clip.fadeOut);
         out[2 * i] += float(gain) * track->left * clip.audio->at(0, source * sourceRate);
         out[2 * i + 1] += float(gain) * track->right * clip.audio->at(1, source * sourceRate);
       }
@@ -112,7 +122,8 @@ void Mixer::render(double start, std::size_t frames, float* out) const {
       for (std::size_t i = first; i < last; ++i) {
         double t = start + double(i) / rate_;
         double envelope = std::min({1.0, (t - note.start) / 0.005, (note.end - t) / 0.005});
-        float value = float(note.amplitude * envelope * std::sin(2 * std::numbers::pi * note.frequency * (t - note.start))) *
+        float value = float(note.amplitude * envelope *
+                            std::sin(2 * std::numbers::pi * note.frequency * (t - note.start))) *
                       master_;
         out[2 * i] += value * track->left;
         out[2 * i + 1] += value * track->right;
@@ -138,17 +149,21 @@ Writing writingFor(const std::string& name, int bitDepth, int bitRate) {
     return {SF_FORMAT_FLAC | pcm};
   }
   if (name == "alac")
-    return {SF_FORMAT_CAF | (bitDepth == 16 ? SF_FORMAT_ALAC_16 : bitDepth == 24 ? SF_FORMAT_ALAC_24 : SF_FORMAT_ALAC_32)};
+    return {SF_FORMAT_CAF | (bitDepth == 16   ? SF_FORMAT_ALAC_16
+                             : bitDepth == 24 ? SF_FORMAT_ALAC_24
+                                              : SF_FORMAT_ALAC_32)};
   if (name == "mp3") return {SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 1.0 - (bitRate - 32) / 288.0};
   throw SimError("the simulator cannot write " + name +
                  (name == "m4a" ? " (AAC needs Apple's encoder); use alac, wav, aiff, caf, flac or mp3"
-                  : name == "mid" ? " (MIDI file export is not simulated); use wav, aiff, caf, flac, alac or mp3"
-                                  : "; use wav, aiff, caf, flac, alac or mp3"));
+                  : name == "mid"
+                      ? " (MIDI file export is not simulated); use wav, aiff, caf, flac, alac or mp3"
+                      : "; use wav, aiff, caf, flac, alac or mp3"));
 }
 
 std::string formatFromPath(const std::filesystem::path& path) {
   std::string extension = path.extension().string();
-  std::transform(extension.begin(), extension.end(), extension.begin(), [](unsigned char c) { return std::tolower(c); });
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return std::tolower(c); });
   if (extension == ".aif" || extension == ".aiff") return "aiff";
   if (extension == ".midi") return "mid";
   for (const char* known : {".wav", ".caf", ".flac", ".mp3", ".m4a", ".mid"})
@@ -188,7 +203,8 @@ double normalizingGain(const Mixer& mixer, const std::string& mode, int rate, in
   }
   if (peak <= 0) return 1;
   if (mode == "peak") return dbToGain(-1.0) / peak;
-  return dbToGain(-14.0) / std::sqrt(sum / double(std::max(1LL, frames)));  // lufs, approximately: see the docs
+  return dbToGain(-14.0) /
+         std::sqrt(sum / double(std::max(1LL, frames)));  // lufs, approximately: see the docs
 }
 
 json writeFile(const std::string& path, const Mixer& mixer, const Writing& writing, int rate, int channels,
@@ -215,8 +231,10 @@ json writeFile(const std::string& path, const Mixer& mixer, const Writing& writi
     mixer.render(start + double(done) / rate, count, block.data());
     for (std::size_t i = 0; i < count; ++i) {
       float left = float(block[2 * i] * gain), right = float(block[2 * i + 1] * gain);
-      if (channels == 1) block[i] = (left + right) / 2;
-      else block[2 * i] = left, block[2 * i + 1] = right;
+      if (channels == 1)
+        block[i] = (left + right) / 2;
+      else
+        block[2 * i] = left, block[2 * i + 1] = right;
       peak = std::max({peak, double(std::abs(left)), double(std::abs(right))});
     }
     written += sf_writef_float(file, block.data(), sf_count_t(count));
@@ -265,13 +283,14 @@ json exportAudio(const json& document, const json& request) {
   check.channels = channels;
   check.format = writing.format;
   if (!sf_format_check(&check))
-    throw SimError("this machine's libsndfile cannot write " + format + " at " + std::to_string(rate) + " Hz, " +
-                   std::to_string(bitDepth) + " bits, " + std::to_string(channels) + " channels");
+    throw SimError("this machine's libsndfile cannot write " + format + " at " + std::to_string(rate) +
+                   " Hz, " + std::to_string(bitDepth) + " bits, " + std::to_string(channels) + " channels");
 
   std::pair<double, double> range{0, projectDuration(document)};
   if (request.contains("range") && !request["range"].is_null()) range = readRange(request["range"], "range");
   if (range.second <= range.first) throw SimError("nothing to export: the project is empty");
-  if (range.second - range.first > kMaxExport) throw SimError("the simulator exports at most two hours at a time");
+  if (range.second - range.first > kMaxExport)
+    throw SimError("the simulator exports at most two hours at a time");
   auto frames = static_cast<long long>(std::llround((range.second - range.first) * rate));
 
   json files = json::array();
@@ -282,18 +301,24 @@ json exportAudio(const json& document, const json& request) {
     for (std::size_t t = 0; t < tracks.size(); ++t) {
       char number[24];
       std::snprintf(number, sizeof number, "%02zu", t + 1);
-      std::filesystem::path stem = path.parent_path() /
-          (path.stem().string() + "-" + number + "-" + safeName(tracks[t]["name"]) + extension);
-      files.push_back(writeFile(stem.string(), Mixer(document, rate, t), writing, rate, channels, range.first, frames,
-                                normalization));
+      std::filesystem::path stem = path.parent_path() / (path.stem().string() + "-" + number + "-" +
+                                                         safeName(tracks[t]["name"]) + extension);
+      files.push_back(writeFile(stem.string(), Mixer(document, rate, t), writing, rate, channels, range.first,
+                                frames, normalization));
     }
   } else {
-    files.push_back(writeFile(path.string(), Mixer(document, rate), writing, rate, channels, range.first, frames,
-                              normalization));
+    files.push_back(writeFile(path.string(), Mixer(document, rate), writing, rate, channels, range.first,
+                              frames, normalization));
   }
-  return {{"ok", true},         {"format", format},           {"sampleRate", rate},
-          {"bitDepth", bitDepth}, {"channels", channels},     {"normalization", normalization},
-          {"range", {range.first, range.second}}, {"duration", range.second - range.first}, {"files", files}};
+  return {{"ok", true},
+          {"format", format},
+          {"sampleRate", rate},
+          {"bitDepth", bitDepth},
+          {"channels", channels},
+          {"normalization", normalization},
+          {"range", {range.first, range.second}},
+          {"duration", range.second - range.first},
+          {"files", files}};
 }
 
 double bounceTrack(const json& document, std::size_t track, const std::string& path) {
@@ -304,7 +329,8 @@ double bounceTrack(const json& document, std::size_t track, const std::string& p
   if (end > 600) throw SimError("the simulator bounces at most ten minutes of a track");
   const int rate = 48000;
   auto frames = static_cast<long long>(std::llround(end * rate));
-  writeFile(path, Mixer(document, rate, track), {SF_FORMAT_WAV | SF_FORMAT_PCM_24}, rate, 2, 0, frames, "none");
+  writeFile(path, Mixer(document, rate, track), {SF_FORMAT_WAV | SF_FORMAT_PCM_24}, rate, 2, 0, frames,
+            "none");
   return double(frames) / rate;
 }
 

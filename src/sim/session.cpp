@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <random>
+#include <sstream>
 #include <tuple>
 
 namespace tondrel::sim {
@@ -14,14 +16,19 @@ std::string newUuid() {
   high = (high & ~0xF000ULL) | 0x4000ULL;  // version 4
   low = (low & ~(0xC000ULL << 48)) | (0x8000ULL << 48);
   char text[37];
-  std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%012llX", unsigned(high >> 32), unsigned((high >> 16) & 0xFFFF),
-                unsigned(high & 0xFFFF), unsigned(low >> 48), static_cast<unsigned long long>(low & 0xFFFFFFFFFFFFULL));
+  std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%012llX", unsigned(high >> 32),
+                unsigned((high >> 16) & 0xFFFF), unsigned(high & 0xFFFF), unsigned(low >> 48),
+                static_cast<unsigned long long>(low & 0xFFFFFFFFFFFFULL));
   return text;
 }
 
 json emptyDocument() {
-  return {{"version", 1},          {"sampleRate", 48000}, {"tempo", {{"bpm", 120.0}, {"numerator", 4}, {"denominator", 4}}},
-          {"masterGainDB", 0.0},   {"tracks", json::array()}, {"markers", json::array()}};
+  return {{"version", 1},
+          {"sampleRate", 48000},
+          {"tempo", {{"bpm", 120.0}, {"numerator", 4}, {"denominator", 4}}},
+          {"masterGainDB", 0.0},
+          {"tracks", json::array()},
+          {"markers", json::array()}};
 }
 
 namespace {
@@ -29,7 +36,8 @@ namespace {
 enum class Kind { number, integer, string, boolean };
 
 // Copies key from `from` into `to`, checking its type, or writes the default.
-void member(json& to, const json& from, const char* key, const json& fallback, Kind kind, const std::string& where) {
+void member(json& to, const json& from, const char* key, const json& fallback, Kind kind,
+            const std::string& where) {
   if (!from.contains(key) || from[key].is_null()) {
     to[key] = fallback;
     return;
@@ -54,8 +62,8 @@ json normalizedClip(const json& in, const std::string& where) {
   member(clip, in, "offset", 0.0, Kind::number, where);
   member(clip, in, "sourceStart", 0.0, Kind::number, where);
   member(clip, in, "duration", 0.0, Kind::number, where);
-  member(clip, in, "sourceDuration", clip["sourceStart"].get<double>() + clip["duration"].get<double>(), Kind::number,
-         where);
+  member(clip, in, "sourceDuration", clip["sourceStart"].get<double>() + clip["duration"].get<double>(),
+         Kind::number, where);
   member(clip, in, "gainDB", 0.0, Kind::number, where);
   member(clip, in, "fadeIn", 0.0, Kind::number, where);
   member(clip, in, "fadeOut", 0.0, Kind::number, where);
@@ -76,11 +84,11 @@ json normalizedNote(const json& in, const std::string& where) {
   member(note, in, "start", 0.0, Kind::number, where);
   member(note, in, "duration", 0.5, Kind::number, where);
   member(note, in, "velocity", 100, Kind::integer, where);
-  if (note["pitch"].get<long long>() < 0 || note["pitch"].get<long long>() > 127 || note["velocity"].get<long long>() < 0 ||
-      note["velocity"].get<long long>() > 127)
+  if (note["pitch"].get<long long>() < 0 || note["pitch"].get<long long>() > 127 ||
+      note["velocity"].get<long long>() < 0 || note["velocity"].get<long long>() > 127)
     throw SimError(where + ": pitch and velocity must lie between 0 and 127");
-  if (note["start"].get<double>() < 0 || note["start"].get<double>() > kMaxTime || note["duration"].get<double>() < 0 ||
-      note["duration"].get<double>() > kMaxTime)
+  if (note["start"].get<double>() < 0 || note["start"].get<double>() > kMaxTime ||
+      note["duration"].get<double>() < 0 || note["duration"].get<double>() > kMaxTime)
     throw SimError(where + " lies outside the timeline");
   return note;
 }
@@ -91,7 +99,8 @@ json normalizedTrack(const json& in, const std::string& where, std::size_t index
   member(track, in, "id", newUuid(), Kind::string, where);
   member(track, in, "name", "Track " + std::to_string(index + 1), Kind::string, where);
   member(track, in, "kind", "audio", Kind::string, where);
-  if (track["kind"] != "audio" && track["kind"] != "midi") throw SimError(where + ".kind must be \"audio\" or \"midi\"");
+  if (track["kind"] != "audio" && track["kind"] != "midi")
+    throw SimError(where + ".kind must be \"audio\" or \"midi\"");
   member(track, in, "gainDB", 0.0, Kind::number, where);
   member(track, in, "pan", 0.0, Kind::number, where);
   for (const char* key : {"mute", "solo", "locked", "stereoSplit", "isDrum", "pianoRollExpanded"})
@@ -101,7 +110,8 @@ json normalizedTrack(const json& in, const std::string& where, std::size_t index
   member(track, in, "transpose", 0, Kind::integer, where);
   for (auto [key, low, high] : {std::tuple{"program", 0, 127}, {"channel", 0, 15}, {"transpose", -48, 48}})
     if (track[key].get<long long>() < low || track[key].get<long long>() > high)
-      throw SimError(where + "." + key + " must lie between " + std::to_string(low) + " and " + std::to_string(high));
+      throw SimError(where + "." + key + " must lie between " + std::to_string(low) + " and " +
+                     std::to_string(high));
   track["clips"] = json::array();
   track["notes"] = json::array();
   for (const char* list : {"clips", "notes"}) {
@@ -109,7 +119,8 @@ json normalizedTrack(const json& in, const std::string& where, std::size_t index
     if (!in[list].is_array()) throw SimError(where + "." + list + " must be an array");
     for (std::size_t i = 0; i < in[list].size(); ++i) {
       std::string at = where + "." + list + "[" + std::to_string(i) + "]";
-      track[list].push_back(list[0] == 'c' ? normalizedClip(in[list][i], at) : normalizedNote(in[list][i], at));
+      track[list].push_back(list[0] == 'c' ? normalizedClip(in[list][i], at)
+                                           : normalizedNote(in[list][i], at));
     }
   }
   return track;
@@ -155,7 +166,9 @@ json normalizedDocument(const json& in) {
   return out;
 }
 
-double clipEnd(const json& clip) { return clip["offset"].get<double>() + clip["duration"].get<double>(); }
+double clipEnd(const json& clip) {
+  return clip["offset"].get<double>() + clip["duration"].get<double>();
+}
 
 double projectDuration(const json& document) {
   double end = 0;
@@ -283,17 +296,22 @@ void Session::transport(const json& request) {
     time_ = 0;
     since_ = Clock::now();
   } else if (action == "seek") {
-    if (!request.contains("time") || !request["time"].is_number()) throw SimError("seek needs time, a number");
+    if (!request.contains("time") || !request["time"].is_number())
+      throw SimError("seek needs time, a number");
     time_ = checkedTime(request["time"].get<double>(), "time");
     since_ = Clock::now();
   } else if (action == "loop") {
-    if (request.contains("range")) loop_ = readRange(request["range"], "range");
-    else if (selectionRange) loop_ = selectionRange;
-    else throw SimError("loop needs range [start, end], or a selected time range");
+    if (request.contains("range"))
+      loop_ = readRange(request["range"], "range");
+    else if (selectionRange)
+      loop_ = selectionRange;
+    else
+      throw SimError("loop needs range [start, end], or a selected time range");
   } else if (action == "loopOff") {
     loop_.reset();
   } else {
-    throw SimError("unknown action '" + action + "': expected play, pause, toggle, stop, rewind, seek, loop or loopOff");
+    throw SimError("unknown action '" + action +
+                   "': expected play, pause, toggle, stop, rewind, seek, loop or loopOff");
   }
 }
 
@@ -315,23 +333,30 @@ void Session::select(const json& request) {
       if (id.is_string())
         for (const json& track : document_["tracks"])
           for (const json& clip : track["clips"]) found = found || clip["id"] == id;
-      if (!found) throw SimError("clips: no clip with id " + (id.is_string() ? id.dump() : std::string("of that kind: ids are strings")));
+      if (!found)
+        throw SimError("clips: no clip with id " +
+                       (id.is_string() ? id.dump() : std::string("of that kind: ids are strings")));
       clips.push_back(id);
     }
   }
   std::optional<int> track = selectedTrack;
   if (request.contains("track")) {
     const json& index = request["track"];
-    if (index.is_null()) track.reset();
+    if (index.is_null())
+      track.reset();
     else if (!index.is_number_integer() || index.get<long long>() < 0 ||
              index.get<long long>() >= static_cast<long long>(document_["tracks"].size()))
-      throw SimError("track must be a track index from 0 to " + std::to_string(document_["tracks"].size()) + " - 1");
-    else track = index.get<int>();
+      throw SimError("track must be a track index from 0 to " + std::to_string(document_["tracks"].size()) +
+                     " - 1");
+    else
+      track = index.get<int>();
   }
   auto range = selectionRange;
   if (request.contains("range")) {
-    if (request["range"].is_null()) range.reset();
-    else range = readRange(request["range"], "range");
+    if (request["range"].is_null())
+      range.reset();
+    else
+      range = readRange(request["range"], "range");
   }
   if (request.contains("fit") && !request["fit"].is_boolean()) throw SimError("fit must be a boolean");
   selectedClips = clips;
@@ -344,28 +369,18 @@ void Session::select(const json& request) {
       for (const json& clip : t["clips"])
         if (std::find(clips.begin(), clips.end(), clip["id"]) != clips.end())
           start = std::min(start, clip["offset"].get<double>()), end = std::max(end, clipEnd(clip));
-    if (end - start >= 1e-3) zoomStart = start, zoomEnd = end;
-    else zoomStart = zoomEnd = 0;
+    if (end - start >= 1e-3)
+      zoomStart = start, zoomEnd = end;
+    else
+      zoomStart = zoomEnd = 0;
   }
 }
-
-}  // namespace tondrel::sim
-
-#include <filesystem>
-
-namespace tondrel::sim {
 
 std::string Session::resolvedPath(const std::string& path) const {
   std::filesystem::path given(path);
   if (given.is_absolute() || !file) return path;
   return (std::filesystem::path(*file).parent_path() / given).string();
 }
-
-}  // namespace tondrel::sim
-
-#include <sstream>
-
-namespace tondrel::sim {
 
 std::string show(double value) {
   std::ostringstream out;

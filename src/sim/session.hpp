@@ -17,7 +17,8 @@ using nlohmann::json;
 // A request the editor refuses; the message is what the agent reads.
 struct SimError : std::runtime_error {
   int status;
-  explicit SimError(const std::string& message, int status = 400) : std::runtime_error(message), status(status) {}
+  explicit SimError(const std::string& message, int status = 400)
+      : std::runtime_error(message), status(status) {}
 };
 
 // Longest time anything may reach: keeps renders and drawings finite whatever an agent asks.
@@ -91,9 +92,6 @@ class Session {
 std::pair<double, double> readRange(const json& value, const std::string& what);
 double checkedTime(double value, const std::string& what);
 
-}  // namespace tondrel::sim
-
-namespace tondrel::sim {
 // A time or level as a person writes it: 2, 0.5, -1.25.
 std::string show(double value);
 }  // namespace tondrel::sim

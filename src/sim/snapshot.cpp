@@ -22,7 +22,8 @@ struct Canvas {
 };
 
 void color(cairo_t* cr, unsigned rgb, double alpha = 1) {
-  cairo_set_source_rgba(cr, ((rgb >> 16) & 255) / 255.0, ((rgb >> 8) & 255) / 255.0, (rgb & 255) / 255.0, alpha);
+  cairo_set_source_rgba(cr, ((rgb >> 16) & 255) / 255.0, ((rgb >> 8) & 255) / 255.0, (rgb & 255) / 255.0,
+                        alpha);
 }
 
 // Cuts at n bytes without splitting a UTF-8 sequence, which would stop cairo drawing text at all.
@@ -46,7 +47,8 @@ std::string fixed(double value, int decimals = 1) {
 }
 
 double tickStep(double span) {
-  for (double step : {0.1, 0.25, 0.5, 1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 1800.0, 3600.0})
+  for (double step :
+       {0.1, 0.25, 0.5, 1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 1800.0, 3600.0})
     if (span / step <= 16) return step;
   return 7200;
 }
@@ -83,7 +85,8 @@ void drawClip(const Canvas& c, const json& clip, double top, bool selected) {
       from = std::clamp(from, 0LL, audio->frames);
       to = std::clamp(std::max(to, from + 1), 0LL, audio->frames);
       float peak = 0;
-      for (long long i = from * audio->channels; i < to * audio->channels; i += std::max(1LL, (to - from) / 64))
+      for (long long i = from * audio->channels; i < to * audio->channels;
+           i += std::max(1LL, (to - from) / 64))
         peak = std::max(peak, std::abs(audio->samples[std::size_t(i)]));
       double extent = std::min(1.0, peak * gain) * half;
       cairo_rectangle(cr, px, middle - extent, 1, std::max(0.5, 2 * extent));
@@ -108,9 +111,11 @@ void drawClip(const Canvas& c, const json& clip, double top, bool selected) {
   cairo_rectangle(cr, x0, y0, x1 - x0, 16);
   cairo_clip(cr);
   std::string name = std::filesystem::path(clip["path"].get<std::string>()).filename().string();
-  std::string gain = clip["gainDB"].get<double>() != 0 ? " " + fixed(clip["gainDB"].get<double>()) + " dB" : "";
-  text(cr, x0 + 4, y0 + 12, name + gain + (clip["reversed"].get<bool>() ? " (reversed)" : "") + (muted ? " (muted)" : ""),
-       11, 0xFFFFFF);
+  std::string gain =
+      clip["gainDB"].get<double>() != 0 ? " " + fixed(clip["gainDB"].get<double>()) + " dB" : "";
+  text(cr, x0 + 4, y0 + 12,
+       name + gain + (clip["reversed"].get<bool>() ? " (reversed)" : "") + (muted ? " (muted)" : ""), 11,
+       0xFFFFFF);
   cairo_restore(cr);
   if (selected) {
     color(cr, 0xFFFFFF);
@@ -122,7 +127,8 @@ void drawClip(const Canvas& c, const json& clip, double top, bool selected) {
 
 void drawNotes(const Canvas& c, const json& notes, double top) {
   int low = 127, high = 0;
-  for (const json& note : notes) low = std::min(low, note["pitch"].get<int>()), high = std::max(high, note["pitch"].get<int>());
+  for (const json& note : notes)
+    low = std::min(low, note["pitch"].get<int>()), high = std::max(high, note["pitch"].get<int>());
   double rows = std::max(12, high - low + 1), rowHeight = (kTrackHeight - 12) / rows;
   for (const json& note : notes) {
     double x0 = std::max(double(kLane), c.x(note["start"])),
@@ -161,14 +167,18 @@ std::string snapshotPNG(const Session& session) {
   std::string title = session.file ? std::filesystem::path(*session.file).filename().string() : "Untitled";
   const json& tempo = doc["tempo"];
   text(cr, 10, 19,
-       title + "   " + fixed(tempo["bpm"].get<double>(), 0) + " BPM " + std::to_string(tempo["numerator"].get<int>()) +
-           "/" + std::to_string(tempo["denominator"].get<int>()) + "   " + std::to_string(doc["sampleRate"].get<int>()) +
-           " Hz   master " + fixed(doc["masterGainDB"].get<double>()) + " dB   " +
-           (session.playing() ? "playing " : "stopped ") + fixed(session.time(), 2) + " s / " + fixed(duration, 2) + " s",
+       title + "   " + fixed(tempo["bpm"].get<double>(), 0) + " BPM " +
+           std::to_string(tempo["numerator"].get<int>()) + "/" +
+           std::to_string(tempo["denominator"].get<int>()) + "   " +
+           std::to_string(doc["sampleRate"].get<int>()) + " Hz   master " +
+           fixed(doc["masterGainDB"].get<double>()) + " dB   " +
+           (session.playing() ? "playing " : "stopped ") + fixed(session.time(), 2) + " s / " +
+           fixed(duration, 2) + " s",
        13);
 
   // Ruler.
-  double rulerTop = kHeader, tracksTop = kHeader + kRuler, bottom = tracksTop + std::max(1, shown) * kTrackHeight;
+  double rulerTop = kHeader, tracksTop = kHeader + kRuler,
+         bottom = tracksTop + std::max(1, shown) * kTrackHeight;
   double step = tickStep(c.end - c.start);
   for (double t = std::ceil(c.start / step) * step; t <= c.end; t += step) {
     color(cr, 0x3A3F47);
@@ -198,7 +208,8 @@ std::string snapshotPNG(const Session& session) {
     if (track["solo"].get<bool>()) flags += "  S";
     if (track["locked"].get<bool>()) flags += "  L";
     text(cr, 8, top + 36, flags, 10, 0xA0A6AE);
-    text(cr, 8, top + 52, fixed(track["gainDB"].get<double>()) + " dB  pan " + fixed(track["pan"].get<double>(), 2), 10,
+    text(cr, 8, top + 52,
+         fixed(track["gainDB"].get<double>()) + " dB  pan " + fixed(track["pan"].get<double>(), 2), 10,
          0xA0A6AE);
     if (track["kind"] == "midi") drawNotes(c, track["notes"], top);
     for (const json& clip : track["clips"]) {
@@ -207,9 +218,12 @@ std::string snapshotPNG(const Session& session) {
       drawClip(c, clip, top, chosen);
     }
   }
-  if (tracks.empty()) text(cr, kLane + 20, tracksTop + kTrackHeight / 2.0, "No tracks: import audio or add a track", 14, 0xA0A6AE);
+  if (tracks.empty())
+    text(cr, kLane + 20, tracksTop + kTrackHeight / 2.0, "No tracks: import audio or add a track", 14,
+         0xA0A6AE);
   if (int(tracks.size()) > shown)
-    text(cr, 8, bottom + 16, "+" + std::to_string(tracks.size() - std::size_t(shown)) + " more tracks", 11, 0xA0A6AE);
+    text(cr, 8, bottom + 16, "+" + std::to_string(tracks.size() - std::size_t(shown)) + " more tracks", 11,
+         0xA0A6AE);
 
   if (session.selectionRange) {
     color(cr, 0x9FD3FF, 0.18);

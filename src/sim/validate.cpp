@@ -15,16 +15,24 @@ bool isInteger(const json& value) {
          std::abs(value.get<double>()) < 9e15;
 }
 
-bool isUuid(const json& value) { return value.is_string() && !value.get_ref<const std::string&>().empty(); }
+bool isUuid(const json& value) {
+  return value.is_string() && !value.get_ref<const std::string&>().empty();
+}
 
 bool matches(const EditField& field, const json& value) {
   switch (field.type) {
-    case FieldType::integer: return isInteger(value);
-    case FieldType::number: return value.is_number();
-    case FieldType::string: return value.is_string();
-    case FieldType::boolean: return value.is_boolean();
-    case FieldType::uuid: return isUuid(value);
-    case FieldType::indexOrUuid: return (isInteger(value) && value.get<double>() >= 0) || isUuid(value);
+    case FieldType::integer:
+      return isInteger(value);
+    case FieldType::number:
+      return value.is_number();
+    case FieldType::string:
+      return value.is_string();
+    case FieldType::boolean:
+      return value.is_boolean();
+    case FieldType::uuid:
+      return isUuid(value);
+    case FieldType::indexOrUuid:
+      return (isInteger(value) && value.get<double>() >= 0) || isUuid(value);
     case FieldType::uuidList:
       if (!value.is_array()) return false;
       for (const json& item : value)
@@ -41,28 +49,43 @@ bool matches(const EditField& field, const json& value) {
 
 std::string expected(const EditField& field) {
   switch (field.type) {
-    case FieldType::integer: return "an integer (i)";
-    case FieldType::number: return "a number (n)";
-    case FieldType::string: return "a string (s)";
-    case FieldType::boolean: return "a boolean (b)";
-    case FieldType::uuid: return "a UUID string (uuid)";
-    case FieldType::indexOrUuid: return "a 0-based index or a UUID string (i|uuid)";
-    case FieldType::uuidList: return "an array of UUID strings ([uuid])";
-    case FieldType::choice: return "one of " + typeCode(field);
+    case FieldType::integer:
+      return "an integer (i)";
+    case FieldType::number:
+      return "a number (n)";
+    case FieldType::string:
+      return "a string (s)";
+    case FieldType::boolean:
+      return "a boolean (b)";
+    case FieldType::uuid:
+      return "a UUID string (uuid)";
+    case FieldType::indexOrUuid:
+      return "a 0-based index or a UUID string (i|uuid)";
+    case FieldType::uuidList:
+      return "an array of UUID strings ([uuid])";
+    case FieldType::choice:
+      return "one of " + typeCode(field);
   }
   return "";
 }
 
 std::string kindOf(const json& value) {
   switch (value.type()) {
-    case json::value_t::null: return "null";
-    case json::value_t::boolean: return "a boolean";
+    case json::value_t::null:
+      return "null";
+    case json::value_t::boolean:
+      return "a boolean";
     case json::value_t::number_integer:
-    case json::value_t::number_unsigned: return "an integer";
-    case json::value_t::number_float: return "a number";
-    case json::value_t::string: return "a string";
-    case json::value_t::array: return "an array";
-    default: return "an object";
+    case json::value_t::number_unsigned:
+      return "an integer";
+    case json::value_t::number_float:
+      return "a number";
+    case json::value_t::string:
+      return "a string";
+    case json::value_t::array:
+      return "an array";
+    default:
+      return "an object";
   }
 }
 
@@ -79,16 +102,24 @@ std::string fieldList(const EditOperation& operation) {
 
 std::string typeCode(const EditField& field) {
   switch (field.type) {
-    case FieldType::integer: return "i";
-    case FieldType::number: return "n";
-    case FieldType::string: return "s";
-    case FieldType::boolean: return "b";
-    case FieldType::uuid: return "uuid";
-    case FieldType::indexOrUuid: return "i|uuid";
-    case FieldType::uuidList: return "[uuid]";
+    case FieldType::integer:
+      return "i";
+    case FieldType::number:
+      return "n";
+    case FieldType::string:
+      return "s";
+    case FieldType::boolean:
+      return "b";
+    case FieldType::uuid:
+      return "uuid";
+    case FieldType::indexOrUuid:
+      return "i|uuid";
+    case FieldType::uuidList:
+      return "[uuid]";
     case FieldType::choice: {
       std::string code;
-      for (std::string_view choice : field.choices) code += (code.empty() ? "\"" : "|\"") + std::string(choice) + "\"";
+      for (std::string_view choice : field.choices)
+        code += (code.empty() ? "\"" : "|\"") + std::string(choice) + "\"";
       return code;
     }
   }
@@ -107,15 +138,18 @@ void validateOps(const json& ops) {
     const json& op = ops[index];
     std::string at = "ops[" + std::to_string(index) + "]";
     if (!op.is_object()) throw SimError(at + " must be an object, got " + kindOf(op));
-    if (!op.contains("op") || !op["op"].is_string()) throw SimError(at + " needs \"op\", a string naming the operation");
+    if (!op.contains("op") || !op["op"].is_string())
+      throw SimError(at + " needs \"op\", a string naming the operation");
     const std::string& name = op["op"].get_ref<const std::string&>();
     const EditOperation* operation = findOperation(name);
     if (!operation) {
       std::string family = name.substr(0, name.find('.') + 1), similar;
       for (const EditOperation& known : editOperations())
-        if (!family.empty() && known.op.starts_with(family)) similar += (similar.empty() ? "" : ", ") + std::string(known.op);
+        if (!family.empty() && known.op.starts_with(family))
+          similar += (similar.empty() ? "" : ", ") + std::string(known.op);
       throw SimError(at + ": unknown op \"" + name + "\"" +
-                     (similar.empty() ? "; see GET /v1/help for the operations" : "; did you mean one of " + similar + "?"));
+                     (similar.empty() ? "; see GET /v1/help for the operations"
+                                      : "; did you mean one of " + similar + "?"));
     }
     at += " (" + name + ")";
     for (const auto& [key, value] : op.items()) {

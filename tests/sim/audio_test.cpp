@@ -31,9 +31,9 @@ TEST(Analysis, FindsTheSilencesOfTheTestToneForEachThresholdAndLength) {
   };
   const Case cases[] = {
       {-42, 0.15, {{1.5, 2.0}, {3.5, 4.0}}},
-      {-42, 0.6, {}},                            // both gaps are shorter
-      {-9, 0.15, {{1.5, 4.0}}},                  // the quieter tone (-12 dBFS) counts as silence
-      {-3, 0.15, {{0, 4.0}}},                    // everything is under -3 dBFS
+      {-42, 0.6, {}},            // both gaps are shorter
+      {-9, 0.15, {{1.5, 4.0}}},  // the quieter tone (-12 dBFS) counts as silence
+      {-3, 0.15, {{0, 4.0}}},    // everything is under -3 dBFS
       {-42, 0, {{1.5, 2.0}, {3.5, 4.0}}},
   };
   for (const Case& c : cases) {
@@ -97,7 +97,8 @@ TEST(Export, WritesWhatWasAskedAndReadsBackTheSame) {
   const Case cases[] = {
       {R"({"path":"a.wav","bitDepth":16,"channels":1})", SF_FORMAT_WAV, 48000, 1, 192000, 0.5, 1e-3},
       {R"({"path":"b.aiff","sampleRate":44100})", SF_FORMAT_AIFF, 44100, 2, 176400, 0.5, 1e-3},
-      {R"({"path":"c.caf","bitDepth":32,"normalization":"peak"})", SF_FORMAT_CAF, 48000, 2, 192000, 0.8913, 1e-3},
+      {R"({"path":"c.caf","bitDepth":32,"normalization":"peak"})", SF_FORMAT_CAF, 48000, 2, 192000, 0.8913,
+       1e-3},
       {R"({"path":"d.flac","sampleRate":96000,"range":[1,2]})", SF_FORMAT_FLAC, 96000, 2, 96000, 0.5, 1e-3},
       {R"({"path":"e.wav","range":[1.5,2]})", SF_FORMAT_WAV, 48000, 2, 24000, 0, 0},
       {R"({"path":"f.caf","format":"alac","bitDepth":16})", SF_FORMAT_CAF, 48000, 2, 192000, 0.5, 2e-3},
@@ -116,10 +117,14 @@ TEST(Export, WritesWhatWasAskedAndReadsBackTheSame) {
     EXPECT_EQ(file.info.format & SF_FORMAT_TYPEMASK, c.container) << c.request;
     EXPECT_EQ(file.info.samplerate, c.rate) << c.request;
     EXPECT_EQ(file.info.channels, c.channels) << c.request;
-    if (c.container == SF_FORMAT_MPEG) EXPECT_NEAR(double(file.info.frames), double(c.frames), 2400) << c.request;
-    else EXPECT_EQ(file.info.frames, c.frames) << c.request;
-    if (c.peak > 0) EXPECT_NEAR(file.peak, c.peak, c.tolerance) << c.request;
-    else EXPECT_LT(file.peak, 1e-4) << c.request;  // the gap in the tone
+    if (c.container == SF_FORMAT_MPEG)
+      EXPECT_NEAR(double(file.info.frames), double(c.frames), 2400) << c.request;
+    else
+      EXPECT_EQ(file.info.frames, c.frames) << c.request;
+    if (c.peak > 0)
+      EXPECT_NEAR(file.peak, c.peak, c.tolerance) << c.request;
+    else
+      EXPECT_LT(file.peak, 1e-4) << c.request;  // the gap in the tone
     EXPECT_EQ(answer["files"][0]["path"], path);
   }
 }
@@ -131,11 +136,13 @@ TEST(Export, MixesGainPanMuteAndFades) {
   std::string path = scratch.file("mix.wav");
   auto peakOf = [&](json ops, std::pair<double, double> range) {
     edit(session, std::move(ops));
-    exportAudio(session.document(), {{"path", path}, {"range", {range.first, range.second}}, {"bitDepth", 32}});
+    exportAudio(session.document(),
+                {{"path", path}, {"range", {range.first, range.second}}, {"bitDepth", 32}});
     ReadBack file = readBack(path);
     double left = 0, right = 0;
     for (std::size_t i = 0; i + 1 < file.samples.size(); i += 2)
-      left = std::max(left, double(std::abs(file.samples[i]))), right = std::max(right, double(std::abs(file.samples[i + 1])));
+      left = std::max(left, double(std::abs(file.samples[i]))),
+      right = std::max(right, double(std::abs(file.samples[i + 1])));
     session.undo();
     return std::pair{left, right};
   };
@@ -147,7 +154,8 @@ TEST(Export, MixesGainPanMuteAndFades) {
   EXPECT_NEAR(right, 0.5, 1e-3);
   std::tie(left, right) = peakOf({{{"op", "track.set"}, {"track", 0}, {"mute", true}}}, {0, 1});
   EXPECT_EQ(left, 0);
-  std::tie(left, right) = peakOf({{{"op", "clip.fades"}, {"clip", clip}, {"fadeIn", 1}, {"shape", "linear"}}}, {0, 0.5});
+  std::tie(left, right) =
+      peakOf({{{"op", "clip.fades"}, {"clip", clip}, {"fadeIn", 1}, {"shape", "linear"}}}, {0, 0.5});
   EXPECT_NEAR(left, 0.25, 0.01);  // half way up a linear fade
 }
 
@@ -196,7 +204,8 @@ TEST(Export, RefusesWhatItCannotWriteNamingTheReason) {
       exportAudio(session.document(), request);
       ADD_FAILURE() << request;
     } catch (const SimError& error) {
-      EXPECT_NE(std::string(error.what()).find(expected), std::string::npos) << request << "\n  got: " << error.what();
+      EXPECT_NE(std::string(error.what()).find(expected), std::string::npos)
+          << request << "\n  got: " << error.what();
     }
   }
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(scratch.dir), {}), 1);  // only tone.wav

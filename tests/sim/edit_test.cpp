@@ -31,7 +31,8 @@ TEST(Edit, ABatchThatFailsAnywhereChangesNothing) {
   Session session(0);
   importTone(session, scratch);
   json before = session.document();
-  std::string message = failure(session, {{{"op", "track.add"}}, {{"op", "master.gain"}, {"db", -3}},
+  std::string message = failure(session, {{{"op", "track.add"}},
+                                          {{"op", "master.gain"}, {"db", -3}},
                                           {{"op", "clip.gain"}, {"clip", "NOPE"}, {"db", 1}}});
   EXPECT_EQ(message, "ops[2] (clip.gain): no clip with id \"NOPE\"");
   EXPECT_EQ(session.document(), before);
@@ -43,7 +44,8 @@ TEST(Edit, EachBatchIsOneUndoStepWithItsLabel) {
   Session session(0);
   std::string clip = importTone(session, scratch);
   json imported = session.document();
-  edit(session, {{{"op", "clip.gain"}, {"clip", clip}, {"db", -6}}, {{"op", "marker.add"}, {"time", 1}}}, "Duck");
+  edit(session, {{{"op", "clip.gain"}, {"clip", clip}, {"db", -6}}, {{"op", "marker.add"}, {"time", 1}}},
+       "Duck");
   json edited = session.document();
   EXPECT_EQ(session.state()["undoLabel"], "Duck");
   session.undo();
@@ -72,11 +74,14 @@ TEST(Edit, CutsAndMovesKeepSourceAndTimelineInStep) {
       {R"([{"op":"range.crop","start":1,"end":3}])", {{0, 2, 1}}},
       {R"([{"op":"range.cut","start":0,"end":1,"ripple":true},{"op":"range.paste","at":3,"track":0}])",
        {{0, 3, 1}, {3, 1, 0}}},
-      {R"([{"op":"range.copy","start":0,"end":1},{"op":"range.paste","at":0,"ripple":true}])", {{0, 1, 0}, {1, 4, 0}}},
+      {R"([{"op":"range.copy","start":0,"end":1},{"op":"range.paste","at":0,"ripple":true}])",
+       {{0, 1, 0}, {1, 4, 0}}},
       {R"([{"op":"clip.trim","clip":"$","start":0.5,"end":2}])", {{0.5, 1.5, 0.5}}},
-      {R"([{"op":"clip.trim","clip":"$","start":1},{"op":"clip.slip","clip":"$","by":-0.25}])", {{1, 3, 0.75}}},
+      {R"([{"op":"clip.trim","clip":"$","start":1},{"op":"clip.slip","clip":"$","by":-0.25}])",
+       {{1, 3, 0.75}}},
       {R"([{"op":"clip.trim","clip":"$","end":1},{"op":"clip.slip","clip":"$","by":10}])", {{0, 1, 3}}},
-      {R"([{"op":"clip.move","clip":"$","offset":2},{"op":"clip.duplicate","clips":["$"]}])", {{2, 4, 0}, {6, 4, 0}}},
+      {R"([{"op":"clip.move","clip":"$","offset":2},{"op":"clip.duplicate","clips":["$"]}])",
+       {{2, 4, 0}, {6, 4, 0}}},
       {R"([{"op":"clip.remove","clips":["$"]}])", {}},
       // A reversed clip keeps the end of its source on its left.
       {R"([{"op":"clip.reverse","clip":"$"},{"op":"clip.split","at":1}])", {{0, 1, 3}, {1, 3, 0}}},
@@ -132,8 +137,12 @@ TEST(Edit, EveryOperationOfTheReferenceApplies) {
   auto noteOn = [&](int pitch, double start) {
     return apply({{"op", "note.add"}, {"track", 1}, {"pitch", pitch}, {"start", start}, {"velocity", 90}});
   };
-  std::string b = apply({{"op", "clip.add"}, {"path", scratch.file("tone.wav")}, {"track", 0}, {"offset", 3.5},
-                         {"fadeIn", 0.1}, {"fadeShape", "linear"}});
+  std::string b = apply({{"op", "clip.add"},
+                         {"path", scratch.file("tone.wav")},
+                         {"track", 0},
+                         {"offset", 3.5},
+                         {"fadeIn", 0.1},
+                         {"fadeShape", "linear"}});
   apply({{"op", "track.add"}, {"name", "Keys"}, {"kind", "midi"}, {"program", 4}});
   std::string n1 = noteOn(60, 0.1), n2 = noteOn(64, 0.6);
   apply({{"op", "note.move"}, {"note", n1}, {"start", 0.2}});
@@ -175,7 +184,8 @@ TEST(Edit, EveryOperationOfTheReferenceApplies) {
   apply({{"op", "clip.add"}, {"path", "tone.wav"}, {"offset", 9}});  // relative to the project's folder
   apply({{"op", "master.gain"}, {"db", -1}});
 
-  for (const EditOperation& operation : editOperations()) EXPECT_TRUE(used.count(std::string(operation.op))) << operation.op;
+  for (const EditOperation& operation : editOperations())
+    EXPECT_TRUE(used.count(std::string(operation.op))) << operation.op;
   EXPECT_NO_THROW(normalizedDocument(session.document()));  // still a document the editor can load
 }
 

@@ -1,10 +1,11 @@
 // The simulator over HTTP, alone and as the editor behind the built tondrel-mcp.
+#include "http.hpp"
+
 #include <gtest/gtest.h>
 #include <httplib.h>
 
 #include <thread>
 
-#include "http.hpp"
 #include "process.hpp"
 #include "sim_support.hpp"
 
@@ -49,10 +50,13 @@ TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
       {"POST", "/v1/edit", "not json", 400, "not valid JSON"},
       {"POST", "/v1/edit", "[1,2]", 400, "must be a JSON object"},
       {"POST", "/v1/edit", R"({"ops":{}})", 400, "ops must be an array"},
-      {"POST", "/v1/edit", R"({"ops":[{"op":"clip.gain","clip":"X","db":"loud"}]})", 400, R"(field \"db\" must be a number)"},
+      {"POST", "/v1/edit", R"({"ops":[{"op":"clip.gain","clip":"X","db":"loud"}]})", 400,
+       R"(field \"db\" must be a number)"},
       {"POST", "/v1/edit", R"({"ops":[{"op":"track.add","name":"\u0000\ud800"}]})", 400, "not valid JSON"},
-      {"POST", "/v1/edit", R"({"ops":[{"op":"marker.add","time":1e308}]})", 400, "time must lie between 0 and 86400"},
-      {"PUT", "/v1/document", R"({"tracks":[{"clips":[{"offset":"x"}]}]})", 400, "document.tracks[0].clips[0].offset must be a number"},
+      {"POST", "/v1/edit", R"({"ops":[{"op":"marker.add","time":1e308}]})", 400,
+       "time must lie between 0 and 86400"},
+      {"PUT", "/v1/document", R"({"tracks":[{"clips":[{"offset":"x"}]}]})", 400,
+       "document.tracks[0].clips[0].offset must be a number"},
       {"PUT", "/v1/document", R"({"tracks":{}})", 400, "document.tracks must be an array"},
       {"PUT", "/v1/document?save=1", R"({})", 400, "needs a project file"},
       {"POST", "/v1/open", R"({"path":"relative.tondrel"})", 400, "absolute path"},
@@ -83,7 +87,8 @@ TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
     auto result = client.send(request);
     ASSERT_TRUE(result) << c.method << " " << c.path << ": no answer";
     EXPECT_EQ(result->status, c.status) << c.method << " " << c.path << " " << c.body;
-    EXPECT_NE(result->body.find(c.error), std::string::npos) << c.path << " " << c.body << "\n  got: " << result->body;
+    EXPECT_NE(result->body.find(c.error), std::string::npos)
+        << c.path << " " << c.body << "\n  got: " << result->body;
     EXPECT_TRUE(json::accept(result->body)) << result->body;
   }
   // Deep enough to overflow the stack of any recursive copy, if it were parsed.
@@ -113,9 +118,9 @@ TEST(Http, StateFollowsTransportSelectionAndHistory) {
   post("/v1/transport", {{"action", "loop"}, {"range", {0, 4}}});
   post("/v1/transport", {{"action", "seek"}, {"time", 1.25}});
   json now = state();
-  for (const char* key : {"file", "dirty", "changeCount", "playing", "time", "duration", "loopRange", "selectionRange",
-                          "selectedClips", "selectedTrack", "peakLeft", "peakRight", "oscInPort", "apiPort", "undoLabel",
-                          "redoLabel", "version"})
+  for (const char* key : {"file", "dirty", "changeCount", "playing", "time", "duration", "loopRange",
+                          "selectionRange", "selectedClips", "selectedTrack", "peakLeft", "peakRight",
+                          "oscInPort", "apiPort", "undoLabel", "redoLabel", "version"})
     EXPECT_TRUE(now.contains(key)) << key;
   EXPECT_EQ(now["selectedClips"], json::array({clip}));
   EXPECT_EQ(now["selectedTrack"], 0);
@@ -158,7 +163,9 @@ TEST(Http, TondrelMcpDrivesTheSimulatorThroughASession) {
   tondrel::test::ServerProcess server({"TONDREL_API_PORT=" + std::to_string(sim.port())});
   int id = 0;
   auto call = [&](const char* tool, const json& arguments) {
-    json request = {{"jsonrpc", "2.0"}, {"id", ++id}, {"method", "tools/call"},
+    json request = {{"jsonrpc", "2.0"},
+                    {"id", ++id},
+                    {"method", "tools/call"},
                     {"params", {{"name", tool}, {"arguments", arguments}}}};
     server.send(request.dump() + "\n");
     json answer = json::parse(server.readLine());
@@ -170,9 +177,10 @@ TEST(Http, TondrelMcpDrivesTheSimulatorThroughASession) {
   json imported = text(call("tondrel_import", {{"path", scratch.file("tone.wav")}}));
   std::string clip = imported["clip"];
   json edited = call("tondrel_edit", {{"label", "Tidy"},
-                                      {"ops", {{{"op", "clip.split"}, {"clip", clip}, {"at", 2}},
-                                               {{"op", "clip.fades"}, {"clip", clip}, {"fadeIn", 0.1}},
-                                               {{"op", "marker.add"}, {"name", "Gap"}, {"time", 1.5}}}}});
+                                      {"ops",
+                                       {{{"op", "clip.split"}, {"clip", clip}, {"at", 2}},
+                                        {{"op", "clip.fades"}, {"clip", clip}, {"fadeIn", 0.1}},
+                                        {{"op", "marker.add"}, {"name", "Gap"}, {"time", 1.5}}}}});
   EXPECT_EQ(edited["isError"], false);
   EXPECT_EQ(text(call("tondrel_state", json::object()))["undoLabel"], "Tidy");
   json bad = call("tondrel_edit", {{"ops", {{{"op", "clip.gain"}, {"clip", clip}}}}});
@@ -181,17 +189,20 @@ TEST(Http, TondrelMcpDrivesTheSimulatorThroughASession) {
             std::string::npos);
   json gaps = text(call("tondrel_silences", {{"path", scratch.file("tone.wav")}, {"minDuration", 0.2}}));
   EXPECT_EQ(gaps["silences"].size(), 2u);
-  json exported = text(call("tondrel_export", {{"path", scratch.file("out.flac")}, {"normalization", "peak"}}));
+  json exported =
+      text(call("tondrel_export", {{"path", scratch.file("out.flac")}, {"normalization", "peak"}}));
   EXPECT_EQ(exported["format"], "flac");
   EXPECT_TRUE(std::filesystem::exists(scratch.file("out.flac")));
   json picture = call("tondrel_snapshot", json::object());
   EXPECT_EQ(picture["content"][0]["type"], "image");
   EXPECT_EQ(picture["content"][0]["mimeType"], "image/png");
-  EXPECT_TRUE(picture["content"][0]["data"].get<std::string>().starts_with("iVBORw0KGgo"));  // the PNG signature
+  EXPECT_TRUE(
+      picture["content"][0]["data"].get<std::string>().starts_with("iVBORw0KGgo"));  // the PNG signature
   EXPECT_EQ(text(call("tondrel_undo", json::object()))["undone"], "Tidy");
   EXPECT_EQ(text(call("tondrel_document", json::object()))["tracks"][0]["clips"].size(), 1u);
-  EXPECT_NE(text(call("tondrel_help", json::object()))["editOperations"].get<std::string>().find("master.gain"),
-            std::string::npos);
+  EXPECT_NE(
+      text(call("tondrel_help", json::object()))["editOperations"].get<std::string>().find("master.gain"),
+      std::string::npos);
   server.closeInput();
   EXPECT_EQ(server.wait(5), 0);
 }

@@ -35,7 +35,8 @@ class Generator {
     for (int n = pick(2) + 1; n > 0; --n) {
       const EditOperation* chosen;
       do chosen = &editOperations()[std::size_t(pick(int(editOperations().size())))];
-      while (chosen->op == "track.bounceToAudio");  // it writes files; EveryOperationOfTheReferenceApplies covers it
+      while (chosen->op ==
+             "track.bounceToAudio");  // it writes files; EveryOperationOfTheReferenceApplies covers it
       const EditOperation& operation = *chosen;
       json op = {{"op", operation.op}};
       for (const EditField& field : operation.fields)
@@ -53,24 +54,37 @@ class Generator {
   }
   json anyId(const Ids& ids) {
     switch (pick(5)) {
-      case 0: return one(ids.tracks);
-      case 1: return one(ids.notes);
-      case 2: return one(ids.markers);
-      default: return one(ids.clips);
+      case 0:
+        return one(ids.tracks);
+      case 1:
+        return one(ids.notes);
+      case 2:
+        return one(ids.markers);
+      default:
+        return one(ids.clips);
     }
   }
-  json wild() { return one(std::vector<json>{nullptr, -1, 1e300, -0.0, "", json::array(), json::object(), true}); }
+  json wild() {
+    return one(std::vector<json>{nullptr, -1, 1e300, -0.0, "", json::array(), json::object(), true});
+  }
   json value(const EditField& field, const Ids& ids) {
     switch (field.type) {
-      case FieldType::integer: return one(std::vector<long long>{-1, 0, 1, 2, 4, 60, 127, 128, 1000000});
+      case FieldType::integer:
+        return one(std::vector<long long>{-1, 0, 1, 2, 4, 60, 127, 128, 1000000});
       case FieldType::number:
         return one(std::vector<double>{-1, 0, 0.001, 0.25, 0.5, 1, 1.5, 2, 3.9, 4, 7.5, 12, 1e6, 86400});
-      case FieldType::string: return one(std::vector<std::string>{"", "x", "linear", "cosine", "tone.wav", tone_});
-      case FieldType::boolean: return pick(2) == 1;
-      case FieldType::uuid: return anyId(ids);
-      case FieldType::indexOrUuid: return pick(3) ? json(pick(4)) : one(ids.tracks);
-      case FieldType::uuidList: return json::array({anyId(ids), anyId(ids)});
-      case FieldType::choice: return std::string(field.choices[std::size_t(pick(int(field.choices.size())))]);
+      case FieldType::string:
+        return one(std::vector<std::string>{"", "x", "linear", "cosine", "tone.wav", tone_});
+      case FieldType::boolean:
+        return pick(2) == 1;
+      case FieldType::uuid:
+        return anyId(ids);
+      case FieldType::indexOrUuid:
+        return pick(3) ? json(pick(4)) : one(ids.tracks);
+      case FieldType::uuidList:
+        return json::array({anyId(ids), anyId(ids)});
+      case FieldType::choice:
+        return std::string(field.choices[std::size_t(pick(int(field.choices.size())))]);
     }
     return nullptr;
   }
@@ -118,7 +132,8 @@ TEST(RandomEdits, EveryBatchIsRefusedWithAMessageOrLeavesASoundDocument) {
     expectSound(session.document(), ops.dump());
     std::size_t clips = 0;
     for (const json& track : session.document()["tracks"]) clips += track["clips"].size();
-    if (session.document()["tracks"].size() > 12 || clips > 60) session.load(start, session.file);  // stay small and quick
+    if (session.document()["tracks"].size() > 12 || clips > 60)
+      session.load(start, session.file);  // stay small and quick
   }
   EXPECT_GT(applied, 500);  // the generator reaches past validation often enough to mean something
   EXPECT_FALSE(snapshotPNG(session).empty());

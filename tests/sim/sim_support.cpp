@@ -18,7 +18,8 @@ Scratch::~Scratch() {
 std::string importTone(Session& session, const Scratch& scratch) {
   std::string path = scratch.file("tone.wav");
   if (!std::filesystem::exists(path)) writeTestTone(path);
-  json result = edit(session, {{{"op", "track.add"}, {"name", "Tone"}}, {{"op", "clip.add"}, {"path", path}, {"track", 0}}});
+  json result = edit(
+      session, {{{"op", "track.add"}, {"name", "Tone"}}, {{"op", "clip.add"}, {"path", path}, {"track", 0}}});
   return result["created"][1];
 }
 
