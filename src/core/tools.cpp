@@ -29,20 +29,9 @@ Property oneOf(std::string_view name, std::vector<std::string_view> values) {
   return {name, JsonType::string, {}, JsonType::none, std::move(values)};
 }
 
-void appendTypeCode(std::string& out, const EditField& field) {
-  static constexpr std::string_view kCodes[] = {"i", "n", "s", "b", "uuid", "i|uuid", "[uuid]"};
-  if (field.type != FieldType::choice) {
-    out += kCodes[static_cast<int>(field.type)];
-    return;
-  }
-  for (std::size_t k = 0; k < field.choices.size(); ++k) {
-    if (k > 0) out += '|';
-    (out += '"').append(field.choices[k]) += '"';
-  }
-}
-
 std::string_view typeName(JsonType type) {
-  static constexpr std::string_view kNames[] = {"", "string", "integer", "number", "boolean", "array", "object"};
+  static constexpr std::string_view kNames[] = {"",        "string", "integer", "number",
+                                                "boolean", "array",  "object"};
   return kNames[static_cast<int>(type)];
 }
 
@@ -141,7 +130,7 @@ const std::string& editReference() {
         out += ", \"";
         out += field.name;
         out += field.optional ? "\"?:" : "\":";
-        appendTypeCode(out, field);
+        out += typeCode(field);
       }
       out += '}';
     }
@@ -248,6 +237,17 @@ bool isCatalogued(std::string_view name) {
   const auto& tools = tondrelToolDefinitions();
   return std::any_of(tools.begin(), tools.end(),
                      [&](const ToolDefinition& tool) { return tool.name == name; });
+}
+
+std::string typeCode(const EditField& field) {
+  static constexpr std::string_view kCodes[] = {"i", "n", "s", "b", "uuid", "i|uuid", "[uuid]"};
+  if (field.type != FieldType::choice) return std::string(kCodes[static_cast<int>(field.type)]);
+  std::string code;
+  for (std::string_view choice : field.choices) {
+    if (!code.empty()) code += '|';
+    (code += '"').append(choice) += '"';
+  }
+  return code;
 }
 
 }  // namespace tondrel

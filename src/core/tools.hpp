@@ -13,9 +13,9 @@ enum class JsonType { none, string, integer, number, boolean, array, object };
 struct Property {
   std::string_view name;
   JsonType type;
-  std::string_view description = {};               // absent when empty
-  JsonType items = JsonType::none;                  // element type, arrays only
-  std::vector<std::string_view> enumValues = {};    // permitted values, strings only
+  std::string_view description = {};              // absent when empty
+  JsonType items = JsonType::none;                // element type, arrays only
+  std::vector<std::string_view> enumValues = {};  // permitted values, strings only
 };
 
 struct ToolDefinition {
@@ -40,6 +40,9 @@ struct EditOperation {
   std::string_view op;
   std::vector<EditField> fields;
 };
+
+// How the reference writes a field's type: i, n, s, b, uuid, i|uuid, [uuid] or "a"|"b".
+std::string typeCode(const EditField& field);
 
 // The 39 operations in reference order.
 const std::vector<EditOperation>& editOperations();

@@ -48,25 +48,15 @@ bool matches(const EditField& field, const json& value) {
 }
 
 std::string expected(const EditField& field) {
-  switch (field.type) {
-    case FieldType::integer:
-      return "an integer (i)";
-    case FieldType::number:
-      return "a number (n)";
-    case FieldType::string:
-      return "a string (s)";
-    case FieldType::boolean:
-      return "a boolean (b)";
-    case FieldType::uuid:
-      return "a UUID string (uuid)";
-    case FieldType::indexOrUuid:
-      return "a 0-based index or a UUID string (i|uuid)";
-    case FieldType::uuidList:
-      return "an array of UUID strings ([uuid])";
-    case FieldType::choice:
-      return "one of " + typeCode(field);
-  }
-  return "";
+  if (field.type == FieldType::choice) return "one of " + typeCode(field);
+  static constexpr std::string_view kWords[] = {"an integer",
+                                                "a number",
+                                                "a string",
+                                                "a boolean",
+                                                "a UUID string",
+                                                "a 0-based index or a UUID string",
+                                                "an array of UUID strings"};
+  return std::string(kWords[static_cast<int>(field.type)]) + " (" + typeCode(field) + ")";
 }
 
 std::string kindOf(const json& value) {
@@ -99,32 +89,6 @@ std::string fieldList(const EditOperation& operation) {
 }
 
 }  // namespace
-
-std::string typeCode(const EditField& field) {
-  switch (field.type) {
-    case FieldType::integer:
-      return "i";
-    case FieldType::number:
-      return "n";
-    case FieldType::string:
-      return "s";
-    case FieldType::boolean:
-      return "b";
-    case FieldType::uuid:
-      return "uuid";
-    case FieldType::indexOrUuid:
-      return "i|uuid";
-    case FieldType::uuidList:
-      return "[uuid]";
-    case FieldType::choice: {
-      std::string code;
-      for (std::string_view choice : field.choices)
-        code += (code.empty() ? "\"" : "|\"") + std::string(choice) + "\"";
-      return code;
-    }
-  }
-  return "";
-}
 
 const EditOperation* findOperation(std::string_view op) {
   for (const EditOperation& operation : editOperations())

@@ -16,7 +16,4 @@ void validateOps(const nlohmann::json& ops);
 // The table entry for an op name, or nullptr.
 const EditOperation* findOperation(std::string_view op);
 
-// How the reference writes a field's type ("i|uuid", "\"a\"|\"b\"", ...).
-std::string typeCode(const EditField& field);
-
 }  // namespace tondrel::sim
