@@ -12,8 +12,8 @@
 
 #include "build_info.hpp"
 #include "json.hpp"
-#include "proxy.hpp"
-#include "tools.hpp"
+#include "editor_port.hpp"
+#include "catalogue.hpp"
 
 namespace {
 

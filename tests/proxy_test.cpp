@@ -1,4 +1,4 @@
-#include "proxy.hpp"
+#include "editor_client.hpp"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

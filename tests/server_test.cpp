@@ -1,4 +1,5 @@
 #include "server.hpp"
+#include "tool_result.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tools.hpp"
+#include "catalogue.hpp"
 
 #include <gtest/gtest.h>
 
@@ -47,9 +47,9 @@ TEST(ToolCatalogue, ListsSixteenToolsInOrder) {
                                              "tondrel_import", "tondrel_export", "tondrel_transport",
                                              "tondrel_select", "tondrel_undo", "tondrel_redo", "tondrel_save",
                                              "tondrel_snapshot", "tondrel_waveform", "tondrel_silences"}));
-  for (const std::string& name : names) EXPECT_TRUE(isCatalogued(name)) << name;
+  for (const std::string& name : names) EXPECT_TRUE(toolIndex(name)) << name;
   for (std::string_view name : {"", "tondrel_", "Tondrel_state", "tondrel_state "})
-    EXPECT_FALSE(isCatalogued(name));
+    EXPECT_FALSE(toolIndex(name));
 }
 
 TEST(ToolCatalogue, SchemasRequireOnePropertyInEightToolsAndUseOnlyKnownKeywords) {

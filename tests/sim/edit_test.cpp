@@ -4,7 +4,7 @@
 #include <set>
 
 #include "sim_support.hpp"
-#include "tools.hpp"
+#include "catalogue.hpp"
 
 namespace tondrel::sim::test {
 namespace {

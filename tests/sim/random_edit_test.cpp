@@ -8,7 +8,7 @@
 #include "render.hpp"
 #include "sim_support.hpp"
 #include "snapshot.hpp"
-#include "tools.hpp"
+#include "catalogue.hpp"
 
 namespace tondrel::sim::test {
 namespace {

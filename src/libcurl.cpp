@@ -10,9 +10,12 @@ namespace {
 const Libcurl* load() {
   static constexpr const char* kNames[] = {
 #ifdef __APPLE__
-      "libcurl.4.dylib", "/usr/lib/libcurl.4.dylib",
+      "libcurl.4.dylib",
+      "/usr/lib/libcurl.4.dylib",
 #else
-      "libcurl.so.4", "libcurl-gnutls.so.4", "libcurl.so",
+      "libcurl.so.4",
+      "libcurl-gnutls.so.4",
+      "libcurl.so",
 #endif
   };
   void* handle = nullptr;

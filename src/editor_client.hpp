@@ -11,12 +11,14 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "editor_port.hpp"
+
 namespace tondrel {
 
 struct APIResponse {
   std::int64_t status = 0;
   std::string data;
-  std::string contentType;  // as received, parameters included; "" when absent
+  std::string contentType;                               // as received, parameters included; "" when absent
   std::unordered_map<std::string, std::string> headers;  // names in lower case
 };
 
@@ -47,11 +49,6 @@ class ProxyError : public std::exception {
 // returns the answer whatever its status, or throws ProxyError.
 using Transport = std::function<APIResponse(std::string_view method, std::string_view path,
                                             std::optional<std::string_view> body)>;
-
-// The environment variable that moves the editor's API off its default port; the
-// packages' manifests offer it as a setting under the same name and default.
-inline constexpr std::string_view kPortVariable = "TONDREL_API_PORT";
-inline constexpr std::int64_t kDefaultPort = 17910;
 
 // "http://127.0.0.1:" and the port from TONDREL_API_PORT, 17910 unless it holds
 // a signed decimal that fits 64 bits.

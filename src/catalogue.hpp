@@ -2,11 +2,29 @@
 // that describes tondrel_edit's operations.
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace tondrel {
+
+// The sixteen tools in catalogue order: the one place their names are written.
+// The dispatcher's table is checked against it at compile time.
+inline constexpr std::array<std::string_view, 16> kToolNames = {
+    "tondrel_state",   "tondrel_document", "tondrel_help",   "tondrel_edit",      "tondrel_replace_document",
+    "tondrel_open",    "tondrel_import",   "tondrel_export", "tondrel_transport", "tondrel_select",
+    "tondrel_undo",    "tondrel_redo",     "tondrel_save",   "tondrel_snapshot",  "tondrel_waveform",
+    "tondrel_silences"};
+
+// A tool's place in the catalogue; nothing for a name the catalogue lacks.
+constexpr std::optional<std::size_t> toolIndex(std::string_view name) {
+  for (std::size_t i = 0; i < kToolNames.size(); ++i)
+    if (kToolNames[i] == name) return i;
+  return std::nullopt;
+}
 
 enum class JsonType { none, string, integer, number, boolean, array, object };
 
@@ -19,7 +37,7 @@ struct Property {
 };
 
 struct ToolDefinition {
-  std::string_view name;
+  std::string_view name;  // from kToolNames
   std::string description;
   std::vector<Property> properties;
   std::string_view required = {};  // the one required property; absent when empty
@@ -50,12 +68,10 @@ const std::vector<EditOperation>& editOperations();
 // The description of tondrel_edit: two header lines, then one line per operation.
 const std::string& editReference();
 
-// The sixteen tools in catalogue order.
+// The sixteen tools in catalogue order, named as kToolNames names them.
 const std::vector<ToolDefinition>& tondrelToolDefinitions();
 
 // The catalogue as one JSON array, written once; "tools/list" sends these bytes.
 const std::string& toolsJSON();
-
-bool isCatalogued(std::string_view name);
 
 }  // namespace tondrel

@@ -1,4 +1,4 @@
-#include "proxy.hpp"
+#include "editor_client.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -11,7 +11,8 @@
 namespace tondrel {
 
 ProxyError ProxyError::unreachable(std::string base) {
-  std::string text = "Tondrel is not reachable at " + base + " \u2014 launch /Applications/Tondrel.app and retry.";
+  std::string text =
+      "Tondrel is not reachable at " + base + " \u2014 launch /Applications/Tondrel.app and retry.";
   return {Kind::unreachable, std::move(base), std::move(text)};
 }
 
@@ -110,7 +111,8 @@ class CurlClient {
     std::signal(SIGPIPE, SIG_IGN);
     curl_ = Libcurl::get();
     if (!curl_ || !(easy_ = curl_->easy_init()))
-      throw ProxyError::badArguments("libcurl (libcurl.so.4) could not be loaded; install libcurl and retry.");
+      throw ProxyError::badArguments(
+          "libcurl (libcurl.so.4) could not be loaded; install libcurl and retry.");
 
     // No "Expect: 100-continue" stall on large bodies, no "Accept: */*" nobody reads.
     plainHeaders_ = curl_->slist_append(nullptr, "Accept:");
@@ -167,7 +169,8 @@ class CurlClient {
       self.moved_ = down + up;
       self.lastMoved_ = now;
     }
-    return now - self.lastMoved_ > std::chrono::duration<double>(self.timeout_);  // non-zero ends the transfer
+    return now - self.lastMoved_ >
+           std::chrono::duration<double>(self.timeout_);  // non-zero ends the transfer
   }
 
   static size_t onBody(char* data, size_t, size_t size, void* self) {

@@ -41,6 +41,17 @@ class JsonWriter {
   // Text that is already one complete JSON value.
   JsonWriter& raw(std::string_view json);
 
+  // Where the output stands, to go back to when what follows cannot be finished.
+  struct Mark {
+    std::size_t size;
+    bool needComma;
+  };
+  Mark mark() const { return {out_.size(), needComma_}; }
+  void rollBack(Mark mark) {
+    out_.resize(mark.size);
+    needComma_ = mark.needComma;
+  }
+
   // Convenience for the common "key":value member.
   template <typename T>
   JsonWriter& member(std::string_view name, T&& v) {

@@ -12,7 +12,7 @@
 #include "edit.hpp"
 #include "render.hpp"
 #include "snapshot.hpp"
-#include "tools.hpp"
+#include "catalogue.hpp"
 
 namespace tondrel::sim {
 

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tools.hpp"
+#include "catalogue.hpp"
 
 namespace tondrel::sim {
 

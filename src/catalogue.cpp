@@ -1,4 +1,4 @@
-#include "tools.hpp"
+#include "catalogue.hpp"
 
 #include <algorithm>
 #include <utility>
@@ -141,74 +141,79 @@ const std::string& editReference() {
 
 const std::vector<ToolDefinition>& tondrelToolDefinitions() {
   using enum JsonType;
-  static const std::vector<ToolDefinition> tools = {
-      {"tondrel_state",
-       "Returns the current state of Tondrel: file, dirty, changeCount, playing, time, duration, loopRange, "
-       "selectionRange, selectedClips, selectedTrack, peakLeft, peakRight, oscInPort, apiPort, undoLabel, "
-       "redoLabel, version.",
-       {}},
-      {"tondrel_document",
-       "Returns the complete AudioProject JSON document (tracks, clips, fades, gains, pan, markers, "
-       "sampleRate).",
-       {}},
-      {"tondrel_help", "Returns the full HTTP API, batch edit operations, and OSC address reference.", {}},
-      {"tondrel_edit",
-       editReference(),
-       {plain("label", string, "Optional undo label"),
-        arrayOf("ops", object, "Operations to apply atomically")},
-       "ops"},
-      {"tondrel_replace_document",
-       "Replaces the whole AudioProject JSON as a single undo step.",
-       {plain("document", object), plain("save", boolean)},
-       "document"},
-      {"tondrel_open",
-       "Opens an audio file (.wav, .aiff, .flac, .m4a, .mp3, .caf\u2026) or a .tondrel project file.",
-       {plain("path", string)},
-       "path"},
-      {"tondrel_import",
-       "Imports an audio file onto an existing track (or creates a new track when track is omitted).",
-       {plain("path", string), plain("track", integer, "0-based track index; omit to create a new track"),
-        plain("at", number, "Start time in seconds (default 0)")},
-       "path"},
-      {"tondrel_export",
-       "Exports the project (or a time range) to an audio or MIDI file in wav, aiff, caf, m4a, alac, flac, "
-       "mp3, or mid format.",
-       {plain("path", string, "Destination file path"),
-        oneOf("format", {"wav", "aiff", "caf", "m4a", "alac", "flac", "mp3", "mid"}),
-        plain("sampleRate", number, "44100, 48000, or 96000 (default 48000)"),
-        plain("bitDepth", integer, "16, 24, or 32 (default 24)"),
-        plain("bitRateKbps", integer, "128, 192, 256, or 320 for m4a/mp3 (default 256)"),
-        plain("channels", integer, "1 (mono) or 2 (stereo, default)"),
-        oneOf("normalization", {"none", "peak", "lufs"}),
-        arrayOf("range", number, "Optional [start, end] in seconds"),
-        plain("stems", boolean, "When true, exports one file per track into the directory of path")},
-       "path"},
-      {"tondrel_transport",
-       "Controls playback transport: play, pause, toggle, stop, rewind, seek, loop, loopOff.",
-       {oneOf("action", {"play", "pause", "toggle", "stop", "rewind", "seek", "loop", "loopOff"}),
-        plain("time", number), arrayOf("range", number)},
-       "action"},
-      {"tondrel_select",
-       "Selects clips (UUID strings), a track (0-based index), and/or a time range [start, end]; fit=true "
-       "zooms to fit.",
-       {arrayOf("clips", string), plain("track", integer), arrayOf("range", number), plain("fit", boolean)}},
-      {"tondrel_undo", "Undoes the last editing operation.", {}},
-      {"tondrel_redo", "Redoes the last undone editing operation.", {}},
-      {"tondrel_save",
-       "Saves the current project to disk (optionally at a new path).",
-       {plain("path", string)}},
-      {"tondrel_snapshot", "Captures the Tondrel window as a PNG image.", {}},
-      {"tondrel_waveform",
-       "Returns the peak and RMS envelope of a source file so an agent can inspect amplitude profiles.",
-       {plain("path", string, "Source path as stored in a clip, or absolute path"),
-        plain("bins", integer, "Number of downsampled bins to return (default 200)")},
-       "path"},
-      {"tondrel_silences",
-       "Detects silent intervals in a source audio file for clean cuts.",
-       {plain("path", string), plain("thresholdDB", number, "dBFS threshold (default -42)"),
-        plain("minDuration", number, "Minimum silence duration in seconds (default 0.15)")},
-       "path"},
-  };
+  // Rows in catalogue order; each takes its name from kToolNames by position.
+  static const std::vector<ToolDefinition> tools = [] {
+    std::vector<ToolDefinition> rows = {
+        {{},
+         "Returns the current state of Tondrel: file, dirty, changeCount, playing, time, duration, "
+         "loopRange, "
+         "selectionRange, selectedClips, selectedTrack, peakLeft, peakRight, oscInPort, apiPort, undoLabel, "
+         "redoLabel, version.",
+         {}},
+        {{},
+         "Returns the complete AudioProject JSON document (tracks, clips, fades, gains, pan, markers, "
+         "sampleRate).",
+         {}},
+        {{}, "Returns the full HTTP API, batch edit operations, and OSC address reference.", {}},
+        {{},
+         editReference(),
+         {plain("label", string, "Optional undo label"),
+          arrayOf("ops", object, "Operations to apply atomically")},
+         "ops"},
+        {{},
+         "Replaces the whole AudioProject JSON as a single undo step.",
+         {plain("document", object), plain("save", boolean)},
+         "document"},
+        {{},
+         "Opens an audio file (.wav, .aiff, .flac, .m4a, .mp3, .caf\u2026) or a .tondrel project file.",
+         {plain("path", string)},
+         "path"},
+        {{},
+         "Imports an audio file onto an existing track (or creates a new track when track is omitted).",
+         {plain("path", string), plain("track", integer, "0-based track index; omit to create a new track"),
+          plain("at", number, "Start time in seconds (default 0)")},
+         "path"},
+        {{},
+         "Exports the project (or a time range) to an audio or MIDI file in wav, aiff, caf, m4a, alac, flac, "
+         "mp3, or mid format.",
+         {plain("path", string, "Destination file path"),
+          oneOf("format", {"wav", "aiff", "caf", "m4a", "alac", "flac", "mp3", "mid"}),
+          plain("sampleRate", number, "44100, 48000, or 96000 (default 48000)"),
+          plain("bitDepth", integer, "16, 24, or 32 (default 24)"),
+          plain("bitRateKbps", integer, "128, 192, 256, or 320 for m4a/mp3 (default 256)"),
+          plain("channels", integer, "1 (mono) or 2 (stereo, default)"),
+          oneOf("normalization", {"none", "peak", "lufs"}),
+          arrayOf("range", number, "Optional [start, end] in seconds"),
+          plain("stems", boolean, "When true, exports one file per track into the directory of path")},
+         "path"},
+        {{},
+         "Controls playback transport: play, pause, toggle, stop, rewind, seek, loop, loopOff.",
+         {oneOf("action", {"play", "pause", "toggle", "stop", "rewind", "seek", "loop", "loopOff"}),
+          plain("time", number), arrayOf("range", number)},
+         "action"},
+        {{},
+         "Selects clips (UUID strings), a track (0-based index), and/or a time range [start, end]; fit=true "
+         "zooms to fit.",
+         {arrayOf("clips", string), plain("track", integer), arrayOf("range", number),
+          plain("fit", boolean)}},
+        {{}, "Undoes the last editing operation.", {}},
+        {{}, "Redoes the last undone editing operation.", {}},
+        {{}, "Saves the current project to disk (optionally at a new path).", {plain("path", string)}},
+        {{}, "Captures the Tondrel window as a PNG image.", {}},
+        {{},
+         "Returns the peak and RMS envelope of a source file so an agent can inspect amplitude profiles.",
+         {plain("path", string, "Source path as stored in a clip, or absolute path"),
+          plain("bins", integer, "Number of downsampled bins to return (default 200)")},
+         "path"},
+        {{},
+         "Detects silent intervals in a source audio file for clean cuts.",
+         {plain("path", string), plain("thresholdDB", number, "dBFS threshold (default -42)"),
+          plain("minDuration", number, "Minimum silence duration in seconds (default 0.15)")},
+         "path"},
+    };
+    for (std::size_t i = 0; i < rows.size(); ++i) rows[i].name = kToolNames.at(i);
+    return rows;
+  }();
   return tools;
 }
 
@@ -231,12 +236,6 @@ const std::string& toolsJSON() {
     return out;
   }();
   return json;
-}
-
-bool isCatalogued(std::string_view name) {
-  const auto& tools = tondrelToolDefinitions();
-  return std::any_of(tools.begin(), tools.end(),
-                     [&](const ToolDefinition& tool) { return tool.name == name; });
 }
 
 std::string typeCode(const EditField& field) {

@@ -2,8 +2,10 @@
 
 #include <charconv>
 #include <initializer_list>
+#include <new>
+#include <stdexcept>
 
-#include "server.hpp"
+#include "catalogue.hpp"
 
 namespace tondrel {
 
@@ -136,8 +138,8 @@ class Request {
   bool hasBody_ = false, open_ = false;
 };
 
-struct Tool {
-  std::string_view name;
+struct Endpoint {
+  std::string_view tool;
   void (*branch)(Request&);
 };
 
@@ -146,7 +148,7 @@ constexpr auto kObject = element_type::OBJECT;
 
 // Each tool's one request, in catalogue order: method, path, body, and how its
 // arguments are read.
-const Tool kTools[] = {
+constexpr Endpoint kEndpoints[] = {
     {"tondrel_state", [](Request& r) { r.to("GET", "/v1/state"); }},
     {"tondrel_document", [](Request& r) { r.to("GET", "/v1/document"); }},
     {"tondrel_help", [](Request& r) { r.to("GET", "/v1/help"); }},
@@ -193,18 +195,38 @@ const Tool kTools[] = {
      }},
 };
 
+ToolResult outOfMemory(bool sent) {
+  return failedResult(
+      std::string(sent ? kAnswerTooLarge : "The request was too large for the memory available."));
+}
+
+constexpr bool endpointsFollowTheCatalogue() {
+  if (std::size(kEndpoints) != kToolNames.size()) return false;
+  for (std::size_t i = 0; i < kToolNames.size(); ++i)
+    if (kEndpoints[i].tool != kToolNames[i]) return false;
+  return true;
+}
+static_assert(endpointsFollowTheCatalogue(), "one endpoint per catalogued tool, in catalogue order");
+
 }  // namespace
 
-ToolResult TondrelMCPServer::callTool(std::string_view name, const Members& args) {
-  for (const Tool& tool : kTools) {
-    if (tool.name != name) continue;
-    // Reserving costs nothing until written, and spares a large body its regrowth copies.
-    body_.reserve(lineSize_);
-    Request request(args, body_);
-    tool.branch(request);
-    return request.send(transport_);
+ToolResult callTool(const Transport& transport, std::string_view name, const Members& args) {
+  auto index = toolIndex(name);
+  if (!index) return failedResult("unknown tool " + std::string(name));
+  bool sent = false;
+  try {
+    std::string body;
+    Request request(args, body);
+    kEndpoints[*index].branch(request);
+    sent = true;
+    return request.send(transport);
+  } catch (const ProxyError& error) {
+    return failedResult(error.description());
+  } catch (const std::bad_alloc&) {
+    return outOfMemory(sent);
+  } catch (const std::length_error&) {
+    return outOfMemory(sent);
   }
-  throw ProxyError::badArguments("unknown tool " + std::string(name));
 }
 
 }  // namespace tondrel

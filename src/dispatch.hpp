@@ -1,0 +1,25 @@
+// One tool call: its arguments checked, its one request sent to the editor, and
+// the answer (or what went wrong) made a tool result.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "editor_client.hpp"
+#include "json.hpp"
+#include "tool_result.hpp"
+
+namespace tondrel {
+
+inline constexpr std::string_view kAnswerTooLarge =
+    "The editor's answer was too large for the memory available.";
+
+// Carries out a call of a catalogued tool; every failure comes back as a result
+// marked as an error, with the text the agent reads.
+ToolResult callTool(const Transport& transport, std::string_view name, const Members& args);
+
+// A query value made safe for the editor's URL: percent-encoded outside the
+// characters a query may carry, and "&" and "+" encoded too so that they stay data.
+std::string escapeQueryValue(std::string_view value);
+
+}  // namespace tondrel

@@ -1,0 +1,137 @@
+#include "stdio.hpp"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "huge_pages.hpp"
+
+namespace tondrel {
+namespace {
+
+constexpr std::size_t kMinRead = 16 * 1024;
+constexpr std::size_t kKeep = 1 << 20;  // what the buffers keep between lines at most
+
+void waitFor(int fd, short events) {
+  pollfd p{fd, events, 0};
+  while (::poll(&p, 1, -1) < 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace
+
+LineReader::LineReader(int input, int output, std::size_t padding)
+    : fd_(input), output_(output), padding_(padding) {}
+
+LineReader::~LineReader() {
+  std::free(buffer_);
+}
+
+bool LineReader::hasLine() const {
+  return atEnd_ ? begin_ < end_ : scan_ < end_ && std::memchr(buffer_ + scan_, '\n', end_ - scan_);
+}
+
+std::optional<LineReader::Line> LineReader::next() {
+  for (;;) {
+    auto* lf = scan_ < end_ ? static_cast<char*>(std::memchr(buffer_ + scan_, '\n', end_ - scan_)) : nullptr;
+    if (lf) {
+      std::size_t begin = begin_, length = lf - (buffer_ + begin);
+      begin_ = scan_ = begin + length + 1;
+      if (length > 0 && buffer_[begin + length - 1] == '\r') --length;
+      return Line{{buffer_ + begin, length}};
+    }
+    scan_ = end_;
+    if (atEnd_) {
+      if (begin_ == end_) return std::nullopt;
+      Line last{{buffer_ + begin_, end_ - begin_}};
+      begin_ = scan_ = end_;
+      return last;
+    }
+    if (!grow()) {
+      skipRestOfLine();
+      return Line{{}, true};
+    }
+    fill();
+  }
+}
+
+bool LineReader::grow() {
+  if (begin_ > 0) {  // keep only the unfinished line
+    std::memmove(buffer_, buffer_ + begin_, end_ - begin_);
+    end_ -= begin_, scan_ -= begin_, begin_ = 0;
+  }
+  if (capacity_ - end_ >= padding_ + kMinRead) return true;
+  // realloc can move large blocks by remapping pages, without copying them.
+  std::size_t capacity = std::max(capacity_ * 2, padding_ + 4 * kMinRead);
+  auto* grown = static_cast<char*>(std::realloc(buffer_, capacity));
+  if (!grown) return false;
+  buffer_ = grown, capacity_ = capacity;
+  adviseHugePages(buffer_, capacity_);
+  return true;
+}
+
+void LineReader::fill() {
+  pollfd fds[] = {{fd_, POLLIN, 0}, {output_, 0, 0}};
+  while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
+  }
+  if (fds[1].revents & (POLLERR | POLLHUP)) {
+    atEnd_ = true;
+    return;
+  }
+  ssize_t n;
+  do n = ::read(fd_, buffer_ + end_, capacity_ - end_ - padding_);
+  while (n < 0 && errno == EINTR);
+  if (n < 0 && errno == EAGAIN) return;  // a non-blocking input with nothing yet: poll again
+  if (n <= 0)
+    atEnd_ = true;
+  else
+    end_ += n;
+}
+
+// The line in the buffer cannot grow any further: drop what has come of it and
+// whatever follows until its line feed, reading into the buffer we have.
+void LineReader::skipRestOfLine() {
+  begin_ = scan_ = end_ = 0;
+  while (!atEnd_) {
+    fill();
+    if (auto* lf = static_cast<char*>(std::memchr(buffer_, '\n', end_))) {
+      begin_ = scan_ = lf + 1 - buffer_;
+      return;
+    }
+    end_ = 0;
+  }
+}
+
+void LineReader::release() {
+  std::size_t unread = end_ - begin_;
+  if (capacity_ <= kKeep || unread + padding_ + kMinRead > kKeep) return;
+  std::memmove(buffer_, buffer_ + begin_, unread);
+  scan_ -= begin_, begin_ = 0, end_ = unread;
+  if (auto* shrunk = static_cast<char*>(std::realloc(buffer_, kKeep))) buffer_ = shrunk, capacity_ = kKeep;
+}
+
+bool AnswerWriter::flush() {
+  std::string_view data = pending_;
+  while (!data.empty()) {
+    ssize_t n = ::write(fd_, data.data(), data.size());
+    if (n > 0) {
+      data.remove_prefix(n);
+    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      waitFor(fd_, POLLOUT);  // the host reads late: wait, never drop the rest of a line
+    } else if (n < 0 && errno != EINTR) {
+      return false;
+    }
+  }
+  pending_.clear();
+  return true;
+}
+
+void AnswerWriter::release() {
+  if (pending_.capacity() > kKeep) std::string().swap(pending_);
+}
+
+}  // namespace tondrel

@@ -1,0 +1,28 @@
+// What a tool call gives the agent: the editor's answer as text or as an image,
+// or the text of what went wrong; and how each is written as an MCP tool result.
+#pragma once
+
+#include <string>
+
+#include "editor_client.hpp"
+#include "json.hpp"
+
+namespace tondrel {
+
+struct ToolResult {
+  enum class Kind { text, image };
+  Kind kind = Kind::text;
+  std::string body;      // text: the answer's bytes, repaired to UTF-8 when written; image: its bytes
+  bool isError = false;  // text only: the HTTP status was 400 or above
+  std::string mimeType;  // image only
+  std::string caption;   // image only
+};
+
+ToolResult textResult(APIResponse response);
+// The image result of a 200 answer that is not JSON; otherwise textResult.
+ToolResult imageResult(APIResponse response, std::string caption);
+// The result of a tool call that threw: its text is the error's description.
+ToolResult failedResult(std::string description);
+void writeToolResult(JsonWriter& out, const ToolResult& result);
+
+}  // namespace tondrel
