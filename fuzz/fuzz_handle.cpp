@@ -18,18 +18,26 @@ namespace {
 // the snapshot's request is fixed, yet its answer should still range over every case.
 std::size_t seed = 0;
 
-tondrel::APIResponse answer(std::string_view method, std::string_view path, std::optional<std::string_view> body) {
+tondrel::APIResponse answer(std::string_view method, std::string_view path,
+                            std::optional<std::string_view> body, tondrel::AnswerSink* sink) {
   std::size_t n = seed + method.size() + path.size() + (body ? body->size() : 0);
   if (n % 7 == 0) throw tondrel::ProxyError::unreachable("http://127.0.0.1:17910");
   static constexpr std::int64_t kStatuses[] = {200, 404, 500};
   static constexpr std::string_view kTypes[] = {"application/json", "image/png", "Image/PNG; charset=x", "",
-                                                 "image/p\xffng"};
+                                                "image/p\xffng"};
   tondrel::APIResponse response;
   response.status = kStatuses[n % 3];
   response.contentType = kTypes[(n / 3) % std::size(kTypes)];
   // Echo what was sent, after bytes that are not UTF-8, as a real PNG starts.
   if (n % 2) response.data = "\x89PNG\r\n\x1a\n";
   response.data += body ? *body : path;
+  if (sink) {
+    tondrel::APIResponse head = response;
+    head.data.clear();
+    sink->head(head);
+    sink->body(response.data);
+    response.data.clear();
+  }
   return response;
 }
 

@@ -123,7 +123,7 @@ class Request {
   ToolResult send(const Transport& transport) {
     if (open_) json_.endObject();
     APIResponse response =
-        transport(method_, path_, hasBody_ ? std::optional<std::string_view>(body_) : std::nullopt);
+        transport(method_, path_, hasBody_ ? std::optional<std::string_view>(body_) : std::nullopt, nullptr);
     return caption_.empty() ? textResult(std::move(response))
                             : imageResult(std::move(response), std::string(caption_));
   }

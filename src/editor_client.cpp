@@ -1,10 +1,18 @@
 #include "editor_client.hpp"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <csignal>
 #include <memory>
+#include <new>
+#include <utility>
+#include <vector>
 
 #include "libcurl.hpp"
 
@@ -40,7 +48,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// One easy handle for the life of the process keeps one connection alive.
+// libcurl keeps a request head in one buffer of at most 1 MiB; a longer address
+// would fail as if the editor had not answered.
+constexpr std::size_t kMaxAddress = (1 << 20) - 4096;
+// Parsed addresses are kept for short paths only, so the cache stays small in bytes.
+constexpr std::size_t kCachedPaths = 64, kCachedPathLength = 256;
+
 class CurlClient {
  public:
   CurlClient(std::string base, double timeout) : base_(std::move(base)), timeout_(timeout) {}
@@ -49,21 +62,30 @@ class CurlClient {
 
   ~CurlClient() {
     if (!curl_) return;
-    for (auto& [path, url] : urls_) curl_->url_cleanup(url);
+    forgetURLs();
     if (easy_) curl_->easy_cleanup(easy_);
     curl_->slist_free_all(bodyHeaders_);
     curl_->slist_free_all(plainHeaders_);
     curl_->slist_free_all(emptyHeaders_);
   }
 
-  APIResponse send(std::string_view method, std::string_view path, std::optional<std::string_view> body) {
-    setUp();
+  APIResponse send(std::string_view method, std::string_view path, std::optional<std::string_view> body,
+                   AnswerSink* sink) {
+    // A NUL would end the address early and send another request than the one asked for.
+    if (path.find('\0') != std::string_view::npos || base_.size() + path.size() > kMaxAddress)
+      throw ProxyError::badArguments("bad path " + std::string(path));
+    load();
     CURLU* url = parsedURL(path);
     if (!url) throw ProxyError::badArguments("bad path " + std::string(path));
+    // A connection the editor has written to or closed since its last answer is
+    // never used again: what it holds would be read as this request's answer.
+    if (idleConnectionIsStale()) reopen();
 
     method_.assign(method);
     setopt(CURLOPT_CURLU, url);
-    setopt(CURLOPT_FRESH_CONNECT, 0L);
+    // libcurl sends a request again when a reused connection dies before the
+    // answer: harmless for a GET, a second edit for anything else.
+    setopt(CURLOPT_FRESH_CONNECT, long(method != "GET"));
     if (body) {
       // An empty view may have no data pointer; curl would then read from stdin.
       setopt(CURLOPT_POSTFIELDS, body->empty() ? "" : body->data());
@@ -80,14 +102,17 @@ class CurlClient {
     }
     setopt(CURLOPT_CUSTOMREQUEST, method_.c_str());
 
-    CURLcode code = perform();
-    long connects = 0;
-    curl_->easy_getinfo(easy_, CURLINFO_NUM_CONNECTS, &connects);
-    if (code != CURLE_OK && connects == 0 && !answered_) {
-      // The kept-alive connection was closed by the editor (it restarted): try
-      // once on a fresh one rather than report the editor as gone.
-      setopt(CURLOPT_FRESH_CONNECT, 1L);
-      code = perform();
+    response_ = APIResponse{};
+    sink_ = sink;
+    headed_ = false;
+    failure_ = nullptr;
+    moved_ = 0;
+    lastMoved_ = Clock::now();
+    CURLcode code = curl_->easy_perform(easy_);
+    sink_ = nullptr;
+    if (failure_) {
+      response_ = APIResponse{};
+      std::rethrow_exception(std::exchange(failure_, nullptr));
     }
     if (code != CURLE_OK) throw ProxyError::unreachable(base_);
 
@@ -96,6 +121,7 @@ class CurlClient {
     response_.status = status;
     if (auto found = response_.headers.find("content-type"); found != response_.headers.end())
       response_.contentType = found->second;
+    if (sink && !headed_) sink->head(response_);
     return std::move(response_);
   }
 
@@ -105,25 +131,31 @@ class CurlClient {
     curl_->easy_setopt(easy_, option, value);
   }
 
-  void setUp() {
+  void load() {
     if (easy_) return;
-    // A peer that vanishes mid-write must be an error, not the death of the process.
-    std::signal(SIGPIPE, SIG_IGN);
     curl_ = Libcurl::get();
-    if (!curl_ || !(easy_ = curl_->easy_init()))
+    if (!curl_)
       throw ProxyError::badArguments(
           "libcurl (libcurl.so.4) could not be loaded; install libcurl and retry.");
-
     // No "Expect: 100-continue" stall on large bodies, no "Accept: */*" nobody reads.
     plainHeaders_ = curl_->slist_append(nullptr, "Accept:");
     emptyHeaders_ = curl_->slist_append(curl_->slist_append(nullptr, "Accept:"), "Content-Type:");
     bodyHeaders_ = curl_->slist_append(nullptr, "Accept:");
     bodyHeaders_ = curl_->slist_append(bodyHeaders_, "Expect:");
     bodyHeaders_ = curl_->slist_append(bodyHeaders_, "Content-Type: application/json; charset=utf-8");
+    reopen();
+  }
 
+  // A new easy handle: the old one, if any, closes every connection it kept.
+  void reopen() {
+    if (easy_) curl_->easy_cleanup(easy_);
+    sockets_.clear();
+    easy_ = curl_->easy_init();
+    if (!easy_) throw std::bad_alloc();
     setopt(CURLOPT_NOSIGNAL, 1L);
     setopt(CURLOPT_PROXY, "");  // the editor is on loopback: never via a proxy from the environment
     setopt(CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_1_1));
+    setopt(CURLOPT_MAXCONNECTS, 1L);  // a request on a connection of its own retires the older one
     // The timeout bounds connecting and silence, never a long answer that keeps flowing.
     setopt(CURLOPT_CONNECTTIMEOUT_MS, long(timeout_ * 1000));
     setopt(CURLOPT_NOPROGRESS, 0L);
@@ -134,31 +166,59 @@ class CurlClient {
     setopt(CURLOPT_WRITEDATA, this);
     setopt(CURLOPT_HEADERFUNCTION, &CurlClient::onHeader);
     setopt(CURLOPT_HEADERDATA, this);
+    setopt(CURLOPT_OPENSOCKETFUNCTION, &CurlClient::onOpenSocket);
+    setopt(CURLOPT_OPENSOCKETDATA, this);
+    setopt(CURLOPT_CLOSESOCKETFUNCTION, &CurlClient::onCloseSocket);
+    setopt(CURLOPT_CLOSESOCKETDATA, this);
+  }
+
+  // An idle kept-alive connection should have nothing to read: bytes, an end of
+  // stream or an error on it all mean it must not carry the next request.
+  bool idleConnectionIsStale() {
+    if (sockets_.empty()) return false;
+    std::vector<pollfd> fds;
+    for (curl_socket_t fd : sockets_) fds.push_back({fd, POLLIN, 0});
+    while (::poll(fds.data(), fds.size(), 0) < 0 && errno == EINTR) {
+    }
+    return std::any_of(fds.begin(), fds.end(), [](const pollfd& p) { return p.revents != 0; });
   }
 
   // Parsing once per path also tells us early whether base + path is a URL at all.
   CURLU* parsedURL(std::string_view path) {
     if (auto found = urls_.find(path); found != urls_.end()) return found->second;
-    if (urls_.size() >= 256) {
-      for (auto& [cached, url] : urls_) curl_->url_cleanup(url);
-      urls_.clear();
-    }
     CURLU* url = curl_->url();
     std::string text = base_ + std::string(path);
     if (!url || curl_->url_set(url, CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
       if (url) curl_->url_cleanup(url);
       return nullptr;
     }
+    if (path.size() > kCachedPathLength) {
+      curl_->url_cleanup(uncached_);  // the one long address, kept until the next call
+      return uncached_ = url;
+    }
+    if (urls_.size() >= kCachedPaths) forgetURLs();
     urls_.emplace(path, url);
     return url;
   }
 
-  CURLcode perform() {
-    response_ = APIResponse{};
-    answered_ = false;
-    moved_ = 0;
-    lastMoved_ = Clock::now();
-    return curl_->easy_perform(easy_);
+  void forgetURLs() {
+    for (auto& [path, url] : urls_) curl_->url_cleanup(url);
+    urls_.clear();
+    curl_->url_cleanup(uncached_);
+    uncached_ = nullptr;
+  }
+
+  // libcurl's callbacks are C: nothing may be thrown through them. A failure is
+  // kept, the exchange ended, and the failure thrown again once libcurl returns.
+  template <typename Action>
+  bool guarded(Action&& action) noexcept {
+    try {
+      action();
+      return true;
+    } catch (...) {
+      failure_ = std::current_exception();
+      return false;
+    }
   }
 
   // Called often while bytes flow and about once a second while none do.
@@ -173,33 +233,74 @@ class CurlClient {
            std::chrono::duration<double>(self.timeout_);  // non-zero ends the transfer
   }
 
-  static size_t onBody(char* data, size_t, size_t size, void* self) {
-    static_cast<CurlClient*>(self)->response_.data.append(data, size);
-    return size;
+  static size_t onBody(char* data, size_t, size_t size, void* user) {
+    auto& self = *static_cast<CurlClient*>(user);
+    bool ok = self.guarded([&] {
+      std::string_view piece(data, size);
+      if (!self.sink_) {
+        self.response_.data.append(piece);
+        return;
+      }
+      if (!self.headed_) {
+        long status = 0;
+        self.curl_->easy_getinfo(self.easy_, CURLINFO_RESPONSE_CODE, &status);
+        self.response_.status = status;
+        if (auto found = self.response_.headers.find("content-type"); found != self.response_.headers.end())
+          self.response_.contentType = found->second;
+        self.headed_ = true;
+        self.sink_->head(self.response_);
+      }
+      self.sink_->body(piece);
+    });
+    return ok ? size : 0;
   }
 
   static size_t onHeader(char* data, size_t, size_t size, void* user) {
     auto& self = *static_cast<CurlClient*>(user);
-    self.answered_ = true;
-    std::string_view line(data, size);
+    bool ok = self.guarded([&] { self.header({data, size}); });
+    return ok ? size : 0;
+  }
+
+  void header(std::string_view line) {
     if (line.starts_with("HTTP/")) {  // a new response begins (after a 1xx, say)
-      self.response_.headers.clear();
-      return size;
+      response_.headers.clear();
+      return;
     }
     auto colon = line.find(':');
-    if (colon == std::string_view::npos) return size;
+    if (colon == std::string_view::npos) return;
     std::string name(line.substr(0, colon));
     std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
     std::string_view value = line.substr(colon + 1);
     while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
     while (!value.empty() && std::isspace(static_cast<unsigned char>(value.back()))) value.remove_suffix(1);
-    if (name == "content-length") {
+    if (name == "content-length" && !sink_) {
       std::size_t length = 0;
       std::from_chars(value.data(), value.data() + value.size(), length);
-      self.response_.data.reserve(std::min<std::size_t>(length, std::size_t(1) << 31));
+      response_.data.reserve(length);  // an answer too large for memory fails here, not midway
     }
-    self.response_.headers.insert_or_assign(std::move(name), std::string(value));
-    return size;
+    response_.headers.insert_or_assign(std::move(name), std::string(value));
+  }
+
+  static curl_socket_t onOpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
+    auto& self = *static_cast<CurlClient*>(user);
+    curl_socket_t fd = ::socket(address->family, address->socktype, address->protocol);
+    if (fd == CURL_SOCKET_BAD) return fd;
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+#ifdef SO_NOSIGPIPE
+    int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
+    if (!self.guarded([&] { self.sockets_.push_back(fd); })) {
+      ::close(fd);
+      return CURL_SOCKET_BAD;
+    }
+    return fd;
+  }
+
+  static int onCloseSocket(void* user, curl_socket_t fd) {
+    auto& sockets = static_cast<CurlClient*>(user)->sockets_;
+    sockets.erase(std::remove(sockets.begin(), sockets.end(), fd), sockets.end());
+    return ::close(fd);
   }
 
   struct PathHash : std::hash<std::string_view> {
@@ -214,9 +315,13 @@ class CurlClient {
   curl_slist* bodyHeaders_ = nullptr;
   curl_slist* emptyHeaders_ = nullptr;
   std::unordered_map<std::string, CURLU*, PathHash, std::equal_to<>> urls_;
+  CURLU* uncached_ = nullptr;
+  std::vector<curl_socket_t> sockets_;  // open connections, for the check before each request
   std::string method_;
   APIResponse response_;
-  bool answered_ = false;
+  AnswerSink* sink_ = nullptr;
+  bool headed_ = false;
+  std::exception_ptr failure_;
   curl_off_t moved_ = 0;
   Clock::time_point lastMoved_;
 };
@@ -225,9 +330,8 @@ class CurlClient {
 
 Transport curlTransport(std::string base, double timeout) {
   auto client = std::make_shared<CurlClient>(std::move(base), timeout);
-  return [client](std::string_view method, std::string_view path, std::optional<std::string_view> body) {
-    return client->send(method, path, body);
-  };
+  return [client](std::string_view method, std::string_view path, std::optional<std::string_view> body,
+                  AnswerSink* sink) { return client->send(method, path, body, sink); };
 }
 
 }  // namespace tondrel

@@ -45,17 +45,33 @@ class ProxyError : public std::exception {
   std::string description_;
 };
 
+// Takes an answer while it arrives, so that a large one need not be held whole
+// twice: its head once (status, contentType and headers; no data), then its body
+// in pieces. Either may throw (std::bad_alloc, say); the transport then ends the
+// exchange and throws the same. What a sink made of a call that throws is void.
+class AnswerSink {
+ public:
+  virtual ~AnswerSink() = default;
+  virtual void head(const APIResponse& head) = 0;
+  virtual void body(std::string_view piece) = 0;
+};
+
 // Sends method and path (relative to the API base) with an optional JSON body;
-// returns the answer whatever its status, or throws ProxyError.
+// returns the answer whatever its status, or throws ProxyError. With a sink, the
+// body goes to the sink instead of into the returned data, and the head reaches
+// the sink before the call returns.
 using Transport = std::function<APIResponse(std::string_view method, std::string_view path,
-                                            std::optional<std::string_view> body)>;
+                                            std::optional<std::string_view> body, AnswerSink* sink)>;
 
 // "http://127.0.0.1:" and the port from TONDREL_API_PORT, 17910 unless it holds
 // a signed decimal that fits 64 bits.
 std::string apiBaseURL(const std::map<std::string, std::string>& environment);
 
-// A transport over libcurl: one kept-alive connection, loaded and set up on the
-// first call. timeout bounds connecting and any silence of the editor, in seconds.
+// A transport over libcurl, loaded and set up on the first call. Each request goes
+// out at most once: GETs share one kept-alive connection, checked before each use;
+// a request that may change the project (any other method) goes out on a
+// connection of its own, which nothing ever sends again. timeout bounds connecting
+// and any silence of the editor, in seconds.
 Transport curlTransport(std::string base, double timeout);
 
 }  // namespace tondrel

@@ -1,5 +1,3 @@
-#include "editor_client.hpp"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -8,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "editor_client.hpp"
 #include "stand_in_editor.hpp"
 
 namespace tondrel {
@@ -19,14 +18,36 @@ using test::ScriptedServer;
 using test::StandInEditor;
 using test::writeText;
 
+// The transport as a caller that wants the whole answer uses it.
+auto client(std::string base, double timeout) {
+  return [send = curlTransport(std::move(base), timeout)](std::string_view method, std::string_view path,
+                                                          std::optional<std::string_view> body) {
+    return send(method, path, body, nullptr);
+  };
+}
+
 TEST(ApiBaseURL, PortComesFromTheEnvironmentWhenItIsASignedDecimal) {
   const std::pair<const char*, const char*> cases[] = {
-      {"8080", "8080"},   {"+8080", "8080"},  {"08080", "8080"},     {"-0", "0"},
-      {"-1", "-1"},       {"99999", "99999"}, {"", "17910"},         {"8080\n", "17910"},
-      {" 8080", "17910"}, {"+", "17910"},     {"-", "17910"},        {"80a", "17910"},
-      {"0x1F90", "17910"}, {"8_080", "17910"}, {"--1", "17910"},     {"+-1", "17910"},
-      {"9223372036854775807", "9223372036854775807"}, {"9223372036854775808", "17910"},
-      {"-9223372036854775808", "-9223372036854775808"}, {"-9223372036854775809", "17910"},
+      {"8080", "8080"},
+      {"+8080", "8080"},
+      {"08080", "8080"},
+      {"-0", "0"},
+      {"-1", "-1"},
+      {"99999", "99999"},
+      {"", "17910"},
+      {"8080\n", "17910"},
+      {" 8080", "17910"},
+      {"+", "17910"},
+      {"-", "17910"},
+      {"80a", "17910"},
+      {"0x1F90", "17910"},
+      {"8_080", "17910"},
+      {"--1", "17910"},
+      {"+-1", "17910"},
+      {"9223372036854775807", "9223372036854775807"},
+      {"9223372036854775808", "17910"},
+      {"-9223372036854775808", "-9223372036854775808"},
+      {"-9223372036854775809", "17910"},
   };
   for (auto [value, port] : cases)
     EXPECT_EQ(apiBaseURL({{"TONDREL_API_PORT", value}}), std::string("http://127.0.0.1:") + port) << value;
@@ -36,7 +57,8 @@ TEST(ApiBaseURL, PortComesFromTheEnvironmentWhenItIsASignedDecimal) {
 
 TEST(ProxyError, DescriptionIsTheAgentsText) {
   EXPECT_EQ(ProxyError::unreachable("http://127.0.0.1:8080").description(),
-            "Tondrel is not reachable at http://127.0.0.1:8080 \xE2\x80\x94 launch /Applications/Tondrel.app and retry.");
+            "Tondrel is not reachable at http://127.0.0.1:8080 \xE2\x80\x94 launch /Applications/Tondrel.app "
+            "and retry.");
   EXPECT_EQ(ProxyError::unreachable("").description(),
             "Tondrel is not reachable at  \xE2\x80\x94 launch /Applications/Tondrel.app and retry.");
   EXPECT_EQ(ProxyError::badArguments("missing argument 'ops'").description(), "missing argument 'ops'");
@@ -48,7 +70,7 @@ TEST(ProxyError, DescriptionIsTheAgentsText) {
 // What reached the editor, for each way a request may carry a body.
 TEST(CurlTransport, SendsBodyAndContentTypeExactlyWhenThereIsABody) {
   StandInEditor editor;
-  auto send = curlTransport(editor.base(), 5);
+  auto send = client(editor.base(), 5);
   const std::string big(2 << 20, 'x');  // past the size where curl would wait for "100 Continue"
   send("POST", "/v1/edit", R"({"ops":[]})");
   send("GET", "/v1/state", std::nullopt);
@@ -83,7 +105,7 @@ TEST(CurlTransport, SendsBodyAndContentTypeExactlyWhenThereIsABody) {
 
 TEST(CurlTransport, PassesEveryStatusThroughWithItsBody) {
   StandInEditor editor;
-  auto send = curlTransport(editor.base(), 5);
+  auto send = client(editor.base(), 5);
   for (int status : {200, 399, 404, 500}) {
     editor.answer({status, R"({"error":"nope"})", "application/json; charset=utf-8"});
     APIResponse response = send("GET", "/v1/state", std::nullopt);
@@ -102,20 +124,22 @@ ScriptedServer::Script answerWith(std::string raw) {
 
 TEST(CurlTransport, FoldsHeaderNamesAndLeavesContentTypeEmptyWhenAbsent) {
   ScriptedServer editor(answerWith("HTTP/1.1 200 OK\r\nX-Request-Id: AbC\r\nContent-Length: 2\r\n\r\nhi"));
-  APIResponse response = curlTransport(editor.base(), 5)("GET", "/v1/state", std::nullopt);
+  APIResponse response = client(editor.base(), 5)("GET", "/v1/state", std::nullopt);
   EXPECT_EQ(response.headers.at("x-request-id"), "AbC");
   EXPECT_EQ(response.contentType, "");
   EXPECT_EQ(response.headers.count("content-type"), 0u);
   EXPECT_EQ(response.data, "hi");
 
   ScriptedServer image(answerWith("HTTP/1.1 200 OK\r\nCONTENT-TYPE: image/png\r\nContent-Length: 0\r\n\r\n"));
-  response = curlTransport(image.base(), 5)("GET", "/v1/snapshot.png", std::nullopt);
+  response = client(image.base(), 5)("GET", "/v1/snapshot.png", std::nullopt);
   EXPECT_EQ(response.contentType, "image/png");
   EXPECT_EQ(response.headers.at("content-type"), "image/png");
   EXPECT_TRUE(response.data.empty());
 }
 
-void expectUnreachable(const std::string& base, const Transport& send) {
+void expectUnreachable(const std::string& base,
+                       const std::function<APIResponse(std::string_view, std::string_view,
+                                                       std::optional<std::string_view>)>& send) {
   try {
     send("GET", "/v1/state", std::nullopt);
     ADD_FAILURE() << "no error";
@@ -127,7 +151,7 @@ void expectUnreachable(const std::string& base, const Transport& send) {
 
 TEST(CurlTransport, EveryWayOfGettingNoAnswerIsUnreachable) {
   std::string refused = "http://127.0.0.1:" + std::to_string(test::closedPort());
-  expectUnreachable(refused, curlTransport(refused, 1));
+  expectUnreachable(refused, client(refused, 1));
 
   const std::pair<const char*, ScriptedServer::Script> faults[] = {
       {"stalls past the timeout",
@@ -151,20 +175,21 @@ TEST(CurlTransport, EveryWayOfGettingNoAnswerIsUnreachable) {
   for (const auto& [what, script] : faults) {
     SCOPED_TRACE(what);
     ScriptedServer editor(script);
-    expectUnreachable(editor.base(), curlTransport(editor.base(), 1));
+    expectUnreachable(editor.base(), client(editor.base(), 1));
   }
 }
 
 TEST(CurlTransport, AResetInTheMiddleOfALargeUploadIsUnreachable) {
   ScriptedServer editor([](int fd) {
     char chunk[1 << 16];
-    for (std::size_t read = 0; read < (4 << 20);) read += std::max<ssize_t>(::recv(fd, chunk, sizeof chunk, 0), 1);
+    for (std::size_t read = 0; read < (4 << 20);)
+      read += std::max<ssize_t>(::recv(fd, chunk, sizeof chunk, 0), 1);
     linger reset{1, 0};  // close with a RST, as a crashing editor's kernel would
     ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
   });
   const std::string document(32 << 20, ' ');
   try {
-    curlTransport(editor.base(), 5)("PUT", "/v1/document", document);
+    client(editor.base(), 5)("PUT", "/v1/document", document);
     ADD_FAILURE() << "no error";
   } catch (const ProxyError& error) {
     EXPECT_EQ(error.kind(), ProxyError::Kind::unreachable);
@@ -180,7 +205,7 @@ TEST(CurlTransport, AnAnswerThatKeepsFlowingOutlastsTheTimeout) {
       writeText(fd, "x");
     }
   });
-  EXPECT_EQ(curlTransport(editor.base(), 1)("GET", "/v1/state", std::nullopt).data, std::string(20, 'x'));
+  EXPECT_EQ(client(editor.base(), 1)("GET", "/v1/state", std::nullopt).data, std::string(20, 'x'));
 }
 
 TEST(CurlTransport, KeepsOneConnectionAndSurvivesTheEditorClosingIt) {
@@ -193,7 +218,7 @@ TEST(CurlTransport, KeepsOneConnectionAndSurvivesTheEditorClosingIt) {
       writeText(fd, ok);
     }
   });
-  auto send = curlTransport(editor.base(), 5);
+  auto send = client(editor.base(), 5);
   for (int call = 0; call < 4; ++call) EXPECT_EQ(send("POST", "/v1/undo", std::nullopt).data, "ok") << call;
   EXPECT_EQ(editor.connections(), 2);
 }
@@ -201,19 +226,21 @@ TEST(CurlTransport, KeepsOneConnectionAndSurvivesTheEditorClosingIt) {
 TEST(CurlTransport, AnswersAgainAfterTheEditorRestarts) {
   auto editor = std::make_unique<ScriptedServer>(answerWith("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1"));
   int port = editor->port();
-  auto send = curlTransport(editor->base(), 5);
+  auto send = client(editor->base(), 5);
   EXPECT_EQ(send("GET", "/v1/state", std::nullopt).data, "1");
   editor.reset();
   expectUnreachable("http://127.0.0.1:" + std::to_string(port), send);
-  editor = std::make_unique<ScriptedServer>(answerWith("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n2"), port);
+  editor =
+      std::make_unique<ScriptedServer>(answerWith("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n2"), port);
   EXPECT_EQ(send("GET", "/v1/state", std::nullopt).data, "2");
 }
 
 TEST(CurlTransport, IgnoresProxiesNamedInTheEnvironment) {
   StandInEditor editor;
   std::string nowhere = "http://127.0.0.1:" + std::to_string(test::closedPort());
-  for (const char* name : {"http_proxy", "HTTP_PROXY", "ALL_PROXY", "all_proxy"}) ::setenv(name, nowhere.c_str(), 1);
-  auto response = curlTransport(editor.base(), 5)("GET", "/v1/state", std::nullopt);
+  for (const char* name : {"http_proxy", "HTTP_PROXY", "ALL_PROXY", "all_proxy"})
+    ::setenv(name, nowhere.c_str(), 1);
+  auto response = client(editor.base(), 5)("GET", "/v1/state", std::nullopt);
   for (const char* name : {"http_proxy", "HTTP_PROXY", "ALL_PROXY", "all_proxy"}) ::unsetenv(name);
   EXPECT_EQ(response.status, 200);
 }
@@ -221,7 +248,7 @@ TEST(CurlTransport, IgnoresProxiesNamedInTheEnvironment) {
 TEST(CurlTransport, AnAddressThatIsNoURLIsABadPathAndSendsNothing) {
   for (const char* base : {"http://127.0.0.1:99999", "http://127.0.0.1:-1"}) {
     try {
-      curlTransport(base, 1)("GET", "/v1/state", std::nullopt);
+      client(base, 1)("GET", "/v1/state", std::nullopt);
       ADD_FAILURE() << base;
     } catch (const ProxyError& error) {
       EXPECT_EQ(error.kind(), ProxyError::Kind::badArguments);

@@ -13,7 +13,7 @@ using nlohmann::json;
 // A server whose editor is never reached: these tests are about the frame.
 TondrelMCPServer offline() {
   return TondrelMCPServer(
-      [](std::string_view, std::string_view, std::optional<std::string_view>) -> APIResponse {
+      [](std::string_view, std::string_view, std::optional<std::string_view>, AnswerSink*) -> APIResponse {
         throw ProxyError::unreachable("http://127.0.0.1:1");
       },
       "http://127.0.0.1:1", "0.9.0");
