@@ -30,6 +30,42 @@ namespace {
 using simdjson::dom::element;
 using simdjson::dom::element_type;
 
+// A double as a query reader expects a number: its shortest digits with no
+// exponent (whose "+" a query decoder would read as a space), and no ".0" on a
+// whole number. 1e21 is "1000000000000000000000", 1.5e-07 is "0.00000015".
+std::string plainDecimal(double value) {
+  std::string shortest;
+  JsonWriter(shortest).number(value);
+  if (shortest == "null") return shortest;  // not finite: no digits to give
+  std::string_view text = shortest;
+  std::string out;
+  if (text.starts_with('-')) out += '-', text.remove_prefix(1);
+  auto e = text.find('e');
+  int exponent = 0;
+  if (e != std::string_view::npos) {
+    std::string_view power = text.substr(e + 1);
+    if (power.starts_with('+')) power.remove_prefix(1);
+    std::from_chars(power.data(), power.data() + power.size(), exponent);
+    text = text.substr(0, e);
+  }
+  auto dot = text.find('.');
+  std::string digits(text.substr(0, dot));
+  if (dot != std::string_view::npos) digits += text.substr(dot + 1);
+  long point = long(dot == std::string_view::npos ? text.size() : dot) + exponent;
+  if (point <= 0) {
+    digits.insert(0, std::size_t(1 - point), '0');
+    point = 1;
+  } else if (std::size_t(point) > digits.size()) {
+    digits.append(std::size_t(point) - digits.size(), '0');
+  }
+  std::string whole = digits.substr(0, std::size_t(point)), fraction = digits.substr(std::size_t(point));
+  whole.erase(0, std::min(whole.find_first_not_of('0'), whole.size() - 1));
+  fraction.erase(fraction.find_last_not_of('0') + 1);
+  out += whole;
+  if (!fraction.empty()) out += '.' + fraction;
+  return out;
+}
+
 std::string missing(std::string_view key) {
   return "missing argument '" + std::string(key) + "'";
 }
@@ -107,9 +143,8 @@ class Request {
     (path_ += '&').append(key) += '=';
     if (auto text = value->get_string(); !text.error()) {
       path_ += text.value_unsafe();
-    } else if (value->is_double()) {
-      char digits[32];
-      path_.append(digits, std::to_chars(digits, digits + sizeof digits, double(*value)).ptr);
+    } else if (value->type() == element_type::DOUBLE) {
+      path_ += plainDecimal(double(*value));
     } else {
       JsonWriter(path_).value(*value);
     }

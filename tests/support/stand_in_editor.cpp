@@ -36,8 +36,10 @@ StandInEditor::StandInEditor(int port) : impl_(std::make_unique<Impl>()) {
   impl_->server.set_keep_alive_max_count(1000);
   impl_->server.set_tcp_nodelay(true);
   impl_->server.set_keep_alive_timeout(1);  // stopping waits for idle connections this long
-  if (port == 0) port_ = impl_->server.bind_to_any_port("127.0.0.1");
-  else if (impl_->server.bind_to_port("127.0.0.1", port)) port_ = port;
+  if (port == 0)
+    port_ = impl_->server.bind_to_any_port("127.0.0.1");
+  else if (impl_->server.bind_to_port("127.0.0.1", port))
+    port_ = port;
   impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
 }
 
@@ -92,22 +94,48 @@ ScriptedServer::ScriptedServer(Script script, int port) : script_(std::move(scri
       int connection = ::accept(listener_, nullptr, nullptr);
       if (connection < 0) continue;
       ++connections_;
-      current_ = connection;
-      script_(connection);
-      current_ = -1;
-      ::close(connection);
+      std::lock_guard lock(mutex_);
+      open_.push_back(connection);
+      threads_.emplace_back([this, connection] { serve(connection); });
     }
   });
 }
 
+void ScriptedServer::serve(int connection) {
+  for (;;) {
+    std::string request = readRequest(connection);
+    if (request.empty()) break;
+    int number;
+    {
+      std::lock_guard lock(mutex_);
+      requests_.push_back(request);
+      number = int(requests_.size());
+    }
+    if (!script_(connection, number, request)) break;
+  }
+  ::shutdown(connection, SHUT_RDWR);
+}
+
 ScriptedServer::~ScriptedServer() {
-  // Like an editor that quits: the open connection goes with it.
-  if (int connection = current_; connection >= 0) ::shutdown(connection, SHUT_RDWR);
   [[maybe_unused]] auto woken = ::write(stop_[1], "x", 1);
   thread_.join();
+  {
+    // Like an editor that quits: its open connections go with it.
+    std::lock_guard lock(mutex_);
+    for (int connection : open_) ::shutdown(connection, SHUT_RDWR);
+  }
+  for (auto& thread : threads_) thread.join();
+  for (int connection : open_) ::close(connection);
   ::close(listener_);
   ::close(stop_[0]);
   ::close(stop_[1]);
+}
+
+int ScriptedServer::requests(std::string_view method) const {
+  std::lock_guard lock(mutex_);
+  int count = 0;
+  for (const auto& request : requests_) count += request.starts_with(method);
+  return count;
 }
 
 std::string readRequest(int fd) {
@@ -116,7 +144,7 @@ std::string readRequest(int fd) {
   std::size_t need = std::string::npos;
   while (data.size() < need) {
     ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-    if (n <= 0) return need == std::string::npos ? "" : data;
+    if (n <= 0) return data;  // "" when the peer closed between requests
     data.append(chunk, n);
     auto head = data.find("\r\n\r\n");
     if (need == std::string::npos && head != std::string::npos) {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -15,7 +16,7 @@ namespace tondrel::test {
 
 struct RecordedRequest {
   std::string method;
-  std::string target;  // path and query, as sent
+  std::string target;                          // path and query, as sent
   std::map<std::string, std::string> headers;  // names in lower case
   std::string body;
 };
@@ -45,28 +46,39 @@ class StandInEditor {
   CannedAnswer answer_;
 };
 
-// Serves each connection with a script that reads and writes the socket itself.
+// An editor that speaks raw bytes, for faults no real server commits. Every
+// connection is served on a thread of its own; each request read on any of them
+// is numbered from 1 and handed to the script, which answers it on fd (or not)
+// and says whether to go on reading that connection.
 class ScriptedServer {
  public:
-  using Script = std::function<void(int fd)>;
+  using Script = std::function<bool(int fd, int number, const std::string& request)>;
   explicit ScriptedServer(Script script, int port = 0);
   ~ScriptedServer();
 
   int port() const { return port_; }
   std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
   int connections() const { return connections_; }
+  // The requests read so far that start with this text ("GET", say; "" for all).
+  int requests(std::string_view method) const;
 
  private:
+  void serve(int connection);
+
   Script script_;
   int listener_ = -1;
   int port_ = 0;
   int stop_[2] = {-1, -1};
   std::atomic<int> connections_{0};
-  std::atomic<int> current_{-1};
+  mutable std::mutex mutex_;
+  std::vector<std::string> requests_;
+  std::vector<int> open_;
+  std::vector<std::thread> threads_;
   std::thread thread_;
 };
 
-// Reads one HTTP request (head and Content-Length body); "" when the peer closed.
+// Reads one HTTP request (head and Content-Length body), or what came before the
+// peer closed; "" when it closed between requests.
 std::string readRequest(int fd);
 void writeText(int fd, const std::string& text);
 

@@ -1,0 +1,334 @@
+// What the built tondrel-mcp does when the editor or the host misbehaves: every
+// call is answered once, in order, an edit reaches the editor at most once, and
+// the process goes on serving (or, for a host that left, ends quietly).
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "process.hpp"
+#include "stand_in_editor.hpp"
+
+namespace tondrel::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string port(int number) {
+  return "TONDREL_API_PORT=" + std::to_string(number);
+}
+
+std::string call(std::string_view tool, int id = 1) {
+  return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"method":"tools/call","params":{"name":")" +
+         std::string(tool) + "\"}}\n";
+}
+
+// The answer line of a call whose editor answered `text`.
+std::string answered(std::string_view text, int id = 1) {
+  return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
+         R"(,"result":{"content":[{"type":"text","text":")" + std::string(text) + R"("}],"isError":false}})";
+}
+
+std::string ok(int number) {
+  std::string body = "n" + std::to_string(number);
+  return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+bool silentUntilClosed(int fd) {
+  char c;
+  while (::recv(fd, &c, 1, 0) > 0) {
+  }
+  return false;
+}
+
+std::string nested(std::string_view open, std::string_view inner, std::string_view close) {
+  std::string text;
+  for (int i = 0; i < 100000; ++i) text += open;
+  text += inner;
+  for (int i = 0; i < 100000; ++i) text += close;
+  return text;
+}
+
+TEST(HostileInput, EveryLineGetsASensibleAnswerAndTheNextIsServed) {
+  const std::string parseError =
+      R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})";
+  const std::pair<std::string, std::string> lines[] = {
+      {R"({"method":"ping","id":)" + nested("[", "", "]") + "}", parseError},
+      {R"({"id":1,"method":"ping","params":)" + nested(R"({"a":)", "1", "}") + "}", parseError},
+      {R"({"id":1,"method":"tools/call","params":{"name":"tondrel_edit","arguments":{"ops":)" +
+           nested("[", "", "]") + "}}}",
+       parseError},
+      {std::string(1000000, ' '), ""},
+      {std::string(R"({"id":1,"method":"ping"})") + '\0', parseError},
+      {std::string(R"({"id":"a)") + '\0' + R"(b","method":"ping"})", parseError},
+      {"{\"id\":\"\xC3\x28\",\"method\":\"ping\"}",
+       "{\"jsonrpc\":\"2.0\",\"id\":\"\xEF\xBF\xBD(\",\"result\":{}}"},
+      {R"({"id":123456789012345678901234567890,"method":"ping"})", parseError},
+      {R"({"id":1e400,"method":"ping"})", parseError},
+      {R"({"id":2,"method":"ping","params":{"pad":")" + std::string(64 << 20, 'x') + "\"}}",
+       R"({"jsonrpc":"2.0","id":2,"result":{}})"},
+      {R"({"id":3,"method":"ping"})", R"({"jsonrpc":"2.0","id":3,"result":{}})"},
+  };
+  StandInEditor editor;
+  std::string input, expected;
+  for (const auto& [line, answer] : lines) {
+    input += line + "\n";
+    if (!answer.empty()) expected += answer + "\n";
+  }
+  Finished finished = runServer(input, {port(editor.port())});
+  EXPECT_TRUE(finished.out == expected);
+  EXPECT_EQ(finished.err, "");
+  EXPECT_EQ(finished.status, 0);
+  EXPECT_TRUE(editor.requests().empty());
+}
+
+const std::string kUnreachable = "Tondrel is not reachable at http://127.0.0.1:";
+
+// The first request is answered and leaves a kept-alive connection; `fault`
+// decides what happens to the second, the one under test; any later request (a
+// GET sent again, which is allowed) is answered.
+struct EditorFault {
+  const char* what;
+  std::function<bool(int fd, int number)> script;
+  enum { answered, unreachable, eitherForAGet } outcome;  // a GET may be sent again; an edit never
+};
+
+const EditorFault kEditorFaults[] = {
+    {"stays silent past the timeout",
+     [](int fd, int number) {
+       return number == 2 ? silentUntilClosed(fd) : (writeText(fd, ok(number)), true);
+     },
+     EditorFault::unreachable},
+    {"answers with bytes that are not HTTP",
+     [](int fd, int number) {
+       writeText(fd, number == 2 ? "SSH-2.0-OpenSSH_9.2\r\n\r\n" : ok(number));
+       return number != 2;
+     },
+     EditorFault::unreachable},
+    {"reads the request and closes unanswered",
+     [](int fd, int number) { return number != 2 && (writeText(fd, ok(number)), true); },
+     EditorFault::eitherForAGet},
+    {"breaks off mid-body",
+     [](int fd, int number) {
+       writeText(fd, number == 2 ? "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nonly ten b" : ok(number));
+       return number != 2;
+     },
+     EditorFault::unreachable},
+    {"answers after four seconds of silence",
+     [](int fd, int number) {
+       if (number == 2) std::this_thread::sleep_for(4s);
+       writeText(fd, ok(number));
+       return true;
+     },
+     EditorFault::answered},
+    {"sends an unasked answer along with its answer",
+     [](int fd, int number) {
+       // In the same segment as the answer, so that it may be read along with it.
+       writeText(
+           fd, ok(number) + (number == 1 ? "HTTP/1.1 408 Request Timeout\r\nContent-Length: 0\r\n\r\n" : ""));
+       return true;
+     },
+     EditorFault::answered},
+    {"sends an unasked answer on the idle connection later",
+     [](int fd, int number) {
+       writeText(fd, ok(number));
+       if (number == 1) std::this_thread::sleep_for(50ms), writeText(fd, ok(7));
+       return true;
+     },
+     EditorFault::answered},
+    {"closes the idle connection (it restarted)",
+     [](int fd, int number) {
+       writeText(fd, ok(number));
+       return number != 1;
+     },
+     EditorFault::answered},
+};
+
+// Each fault for a GET and for an edit (a POST), all at once: the silent editor
+// costs the timeout once, not once per case.
+TEST(EditorFaults, EachCallIsAnsweredAndAnEditReachesTheEditorAtMostOnce) {
+  std::vector<std::future<void>> runs;
+  for (const EditorFault& fault : kEditorFaults) {
+    for (std::string_view tool : {"tondrel_state", "tondrel_undo"}) {
+      runs.push_back(std::async(std::launch::async, [&fault, tool] {
+        SCOPED_TRACE(std::string(fault.what) + ", " + std::string(tool));
+        ScriptedServer editor(
+            [&](int fd, int number, const std::string&) { return fault.script(fd, number); });
+        ServerProcess server({port(editor.port())});
+        server.send(call("tondrel_state"));
+        EXPECT_EQ(server.readLine(), answered("n1"));
+        std::this_thread::sleep_for(200ms);  // whatever the editor does unasked has arrived
+
+        server.send(call(tool, 2));
+        std::string line = server.readLine();
+        bool isGet = tool == "tondrel_state";
+        std::string answer =
+            answered("n" + std::to_string(editor.requests("GET") + editor.requests("POST")), 2);
+        if (fault.outcome == EditorFault::answered ||
+            (fault.outcome == EditorFault::eitherForAGet && isGet && line == answer)) {
+          EXPECT_EQ(line, answer);
+        } else {
+          EXPECT_NE(line.find(kUnreachable), std::string::npos) << line;
+        }
+        if (tool == "tondrel_undo") {
+          EXPECT_EQ(editor.requests("POST"), 1);
+        }
+
+        server.send(call("tondrel_state", 3));  // and the next call is served as usual
+        EXPECT_NE(server.readLine().find(R"("id":3,"result")"), std::string::npos);
+        server.closeInput();
+        EXPECT_EQ(server.wait(40), 0);
+        EXPECT_EQ(server.errors(), "");
+      }));
+    }
+  }
+  for (auto& run : runs) run.get();
+}
+
+// Under a cap on its address space (as `ulimit -v` sets), whatever does not fit
+// fails that one line or that one call, and the next is served.
+TEST(MemoryFaults, WhatDoesNotFitFailsOneLineOrOneCallAndTheNextIsServed) {
+  constexpr std::size_t kCap = 512u << 20;
+  const std::string tooLarge = R"("text":"The editor's answer was too large for the memory available.")";
+  const std::string parseError =
+      R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})";
+  ScriptedServer editor([](int fd, int number, const std::string& request) {
+    if (request.find("/v1/document") != std::string::npos) {  // an answer that never ends
+      writeText(fd, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+      std::string chunk = "100000\r\n" + std::string(1 << 20, 'x') + "\r\n";
+      for (int i = 0; i < 1024; ++i) writeText(fd, chunk);
+      return false;
+    }
+    if (request.find("/v1/help") != std::string::npos) {  // an answer that only claims its size
+      writeText(fd, "HTTP/1.1 200 OK\r\nContent-Length: 4000000000\r\n\r\n");
+      return silentUntilClosed(fd);
+    }
+    writeText(fd, ok(number));
+    return true;
+  });
+  ServerProcess server(Launch{{port(editor.port())}, kCap});
+  auto ping = [&](int id) {
+    server.send(R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"method":"ping"})" + "\n");
+    EXPECT_EQ(server.readLine(), R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"result":{}})");
+  };
+  server.send(call("tondrel_state"));
+  EXPECT_EQ(server.readLine(), answered("n1"));
+
+  const std::pair<const char*, std::string> cases[] = {
+      {"a line larger than memory", R"({"id":9,"method":"ping","pad":")" + std::string(kCap, 'x') + "\"}\n"},
+      {"a line whose parse does not fit",
+       R"({"id":9,"method":"ping","pad":")" + std::string(kCap / 8, 'x') + "\"}\n"},
+  };
+  for (const auto& [what, line] : cases) {
+    SCOPED_TRACE(what);
+    std::thread writer([&, &line = line] { server.send(line); });
+    EXPECT_EQ(server.readLine(), parseError);
+    writer.join();
+    ping(2);
+  }
+  for (std::string_view tool : {"tondrel_document", "tondrel_help"}) {
+    SCOPED_TRACE(tool);
+    server.send(call(tool, 4));
+    EXPECT_NE(server.readLine().find(tooLarge), std::string::npos);
+    int before = editor.requests("GET");
+    server.send(call("tondrel_state", 5));
+    EXPECT_NE(server.readLine().find(R"("id":5,"result":{"content":[{"type":"text","text":"n)"),
+              std::string::npos);
+    EXPECT_EQ(editor.requests("GET"), before + 1) << "the next call reached the editor";
+  }
+  server.closeInput();
+  EXPECT_EQ(server.wait(10), 0);
+  EXPECT_EQ(server.errors(), "");
+}
+
+// Hosts that hand over unusual standard streams.
+TEST(HostFaults, AnswersGoOutWholeWhateverTheHostHandsOver) {
+  StandInEditor editor;
+  std::string input;
+  for (int id = 1; id <= 400; ++id)
+    input += R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
+             R"(,"method":"tools/list"})"
+             "\n";
+
+  {
+    SCOPED_TRACE("a non-blocking standard output that the host reads late");
+    ServerProcess server(Launch{{port(editor.port())}, 0, true});
+    server.send(input);
+    server.closeInput();
+    std::this_thread::sleep_for(500ms);  // the pipe fills long before this
+    std::string out = server.readAll();
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 400);
+    EXPECT_TRUE(out.ends_with("}\n"));
+    EXPECT_EQ(server.wait(10), 0);
+  }
+  {
+    SCOPED_TRACE("standard output closed: nothing may go into the editor's connection");
+    ScriptedServer recording([](int fd, int number, const std::string&) {
+      writeText(fd, ok(number));
+      return true;
+    });
+    ServerProcess server(Launch{{port(recording.port())}, 0, false, true});
+    server.send(call("tondrel_state") + call("tondrel_state", 2));
+    server.closeInput();
+    EXPECT_EQ(server.wait(10), 0);
+    EXPECT_EQ(recording.requests("GET"), 2);
+    EXPECT_EQ(recording.requests(""), 2) << "an answer was written into the editor's connection";
+  }
+  {
+    SCOPED_TRACE("a host that stops reading before any call");
+    ServerProcess server({port(editor.port())});
+    server.closeOutput();
+    server.send(input);
+    EXPECT_EQ(server.wait(10), 0);  // not killed by SIGPIPE
+    EXPECT_EQ(server.errors(), "");
+  }
+}
+
+TEST(Host, InputClosedDuringACallStillGetsTheAnswerThenTheProcessExits) {
+  ScriptedServer slowEditor([](int fd, int, const std::string&) {
+    std::this_thread::sleep_for(300ms);
+    writeText(fd, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nlate");
+    return true;
+  });
+  ServerProcess server({port(slowEditor.port())});
+  server.send(call("tondrel_state"));
+  server.closeInput();
+  EXPECT_EQ(
+      server.readLine(),
+      R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":"late"}],"isError":false}})");
+  EXPECT_EQ(server.wait(10), 0);
+  EXPECT_EQ(server.errors(), "");
+}
+
+TEST(Host, AnswersSentTogetherWithACallArriveBeforeTheCallWaitsForTheEditor) {
+  std::atomic<bool> release = false, editorAnswered = false;
+  ScriptedServer heldEditor([&](int fd, int, const std::string&) {
+    for (int i = 0; i < 500 && !release; ++i) std::this_thread::sleep_for(10ms);
+    editorAnswered = true;
+    writeText(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}");
+    return true;
+  });
+  ServerProcess server({port(heldEditor.port())});
+  server.send(R"({"jsonrpc":"2.0","id":"p","method":"ping"})"
+              "\n" +
+              call("tondrel_state"));
+  EXPECT_EQ(server.readLine(), R"({"jsonrpc":"2.0","id":"p","result":{}})");
+  EXPECT_FALSE(editorAnswered) << "the ping's answer waited for the editor";
+  release = true;
+  EXPECT_EQ(server.readLine(),
+            R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":"{}"}],"isError":false}})");
+}
+
+TEST(Host, AHostThatStopsReadingEndsTheProcessAtOnce) {
+  ServerProcess server;
+  server.closeOutput();  // input stays open: only the vanished reader may end it
+  EXPECT_EQ(server.wait(10), 0);
+  EXPECT_EQ(server.errors(), "");
+}
+
+}  // namespace
+}  // namespace tondrel::test
