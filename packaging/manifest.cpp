@@ -4,16 +4,19 @@
 //
 //   tondrel-mcp-manifest bundle-file        the bundle's file name for this platform
 //   tondrel-mcp-manifest bundle             the bundle's manifest.json
-//   tondrel-mcp-manifest registry <sha256>  server.json for the registry, naming that bundle
+//   tondrel-mcp-manifest registry FILE SHA256 [FILE SHA256 ...]
+//                                           server.json for the registry, naming each bundle
+//                                           (one per platform and processor) by file and SHA-256
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "build_info.hpp"
-#include "json.hpp"
-#include "editor_port.hpp"
 #include "catalogue.hpp"
+#include "editor_port.hpp"
+#include "json.hpp"
 
 namespace {
 
@@ -23,6 +26,7 @@ constexpr std::string_view kRepository = TONDREL_REPOSITORY;  // owner/name on G
 constexpr std::string_view kAuthorName = TONDREL_AUTHOR_NAME;
 constexpr std::string_view kAuthorEmail = TONDREL_AUTHOR_EMAIL;
 constexpr std::string_view kPortSetting = "api_port";
+constexpr std::string_view kLicense = "MIT";  // SPDX identifier of LICENSE
 
 // The bundle holds a native binary, so it serves only the system and processor it was built on.
 #if defined(__APPLE__)
@@ -44,9 +48,27 @@ std::string repositoryURL() {
   return "https://github.com/" + std::string(kRepository);
 }
 
+std::string bundlePrefix() {
+  return std::string(kName) + '-' + tondrel::kVersion + '-';
+}
+
 std::string bundleFile() {
-  return std::string(kName) + '-' + tondrel::kVersion + '-' + std::string(kPlatform) + '-' + std::string(kArch) +
-         ".mcpb";
+  return bundlePrefix() + std::string(kPlatform) + '-' + std::string(kArch) + ".mcpb";
+}
+
+// A release gathers the bundles built on each system; the registry entry may name
+// only those of this version, for a platform and processor a host can run.
+bool isBundleFile(std::string_view file) {
+  std::string prefix = bundlePrefix();
+  constexpr std::string_view suffix = ".mcpb";
+  if (!file.starts_with(prefix) || !file.ends_with(suffix)) return false;
+  std::string_view target = file.substr(prefix.size(), file.size() - prefix.size() - suffix.size());
+  for (std::string_view platform : {"darwin-", "linux-", "win32-"}) {
+    if (!target.starts_with(platform)) continue;
+    std::string_view arch = target.substr(platform.size());
+    return arch == "x86_64" || arch == "arm64";
+  }
+  return false;
 }
 
 std::string portDescription() {
@@ -68,6 +90,7 @@ std::string bundleManifest() {
       .member("display_name", kTitle)
       .member("version", tondrel::kVersion)
       .member("description", tondrel::kDescription)
+      .member("license", kLicense)
       .key("author")
       .beginObject()
       .member("name", kAuthorName)
@@ -105,7 +128,13 @@ std::string bundleManifest() {
   }
   json.endArray().member("tools_generated", false);
 
-  json.key("compatibility").beginObject().key("platforms").beginArray().string(kPlatform).endArray().endObject();
+  json.key("compatibility")
+      .beginObject()
+      .key("platforms")
+      .beginArray()
+      .string(kPlatform)
+      .endArray()
+      .endObject();
 
   json.key("user_config")
       .beginObject()
@@ -129,11 +158,14 @@ std::string bundleManifest() {
   return out;
 }
 
-std::string registryEntry(std::string_view sha256) {
+struct Bundle {
+  std::string_view file;
+  std::string_view sha256;
+};
+
+std::string registryEntry(const std::vector<Bundle>& bundles) {
   std::string out;
   tondrel::JsonWriter json(out);
-  std::string bundleURL =
-      repositoryURL() + "/releases/download/v" + tondrel::kVersion + '/' + bundleFile();
   json.beginObject()
       .member("$schema", "https://static.modelcontextprotocol.io/schemas/2025-12-11/server.schema.json")
       .member("name", "io.github." + std::string(kRepository))
@@ -147,30 +179,31 @@ std::string registryEntry(std::string_view sha256) {
       .endObject()
       .member("websiteUrl", repositoryURL());
 
-  json.key("packages")
-      .beginArray()
-      .beginObject()
-      .member("registryType", "mcpb")
-      .member("identifier", bundleURL)
-      .member("version", tondrel::kVersion)
-      .member("fileSha256", sha256)
-      .key("transport")
-      .beginObject()
-      .member("type", "stdio")
-      .endObject()
-      .key("environmentVariables")
-      .beginArray()
-      .beginObject()
-      .member("name", tondrel::kPortVariable)
-      .member("description", portDescription())
-      .member("format", "number")
-      .member("default", std::to_string(tondrel::kDefaultPort))
-      .member("isRequired", false)
-      .endObject()
-      .endArray()
-      .endObject()
-      .endArray();
-  json.endObject();
+  json.key("packages").beginArray();
+  for (const Bundle& bundle : bundles) {
+    json.beginObject()
+        .member("registryType", "mcpb")
+        .member("identifier",
+                repositoryURL() + "/releases/download/v" + tondrel::kVersion + '/' + std::string(bundle.file))
+        .member("version", tondrel::kVersion)
+        .member("fileSha256", bundle.sha256)
+        .key("transport")
+        .beginObject()
+        .member("type", "stdio")
+        .endObject()
+        .key("environmentVariables")
+        .beginArray()
+        .beginObject()
+        .member("name", tondrel::kPortVariable)
+        .member("description", portDescription())
+        .member("format", "number")
+        .member("default", std::to_string(tondrel::kDefaultPort))
+        .member("isRequired", false)
+        .endObject()
+        .endArray()
+        .endObject();
+  }
+  json.endArray().endObject();
   return out;
 }
 
@@ -179,7 +212,8 @@ bool isSha256(std::string_view text) {
 }
 
 int usage() {
-  std::fputs("usage: tondrel-mcp-manifest bundle-file | bundle | registry <sha256 of the bundle>\n", stderr);
+  std::fputs("usage: tondrel-mcp-manifest bundle-file | bundle | registry FILE SHA256 [FILE SHA256 ...]\n",
+             stderr);
   return 2;
 }
 
@@ -192,8 +226,17 @@ int main(int argc, char** argv) {
     out = bundleFile();
   } else if (what == "bundle" && argc == 2) {
     out = bundleManifest();
-  } else if (what == "registry" && argc == 3 && isSha256(argv[2])) {
-    out = registryEntry(argv[2]);
+  } else if (what == "registry" && argc >= 4 && argc % 2 == 0) {
+    std::vector<Bundle> bundles;
+    for (int i = 2; i < argc; i += 2) {
+      if (!isBundleFile(argv[i]) || !isSha256(argv[i + 1])) {
+        std::fprintf(stderr, "tondrel-mcp-manifest: %s is not a %s bundle with a SHA-256 (%s)\n", argv[i],
+                     (bundlePrefix() + "<platform>-<arch>.mcpb").c_str(), argv[i + 1]);
+        return 2;
+      }
+      bundles.push_back({argv[i], argv[i + 1]});
+    }
+    out = registryEntry(bundles);
   } else {
     return usage();
   }

@@ -1,25 +1,33 @@
 // Checks what scripts/package made, as a user, a host and a registry would meet it:
-// the Debian package's files and dependencies, the MCP Bundle unpacked and started
-// the way a host starts it, and the registry entry against the bundle it names.
-// TONDREL_PACKAGE_DIR holds the packages; TONDREL_MCPB is the pinned mcpb CLI.
+// the Debian packages' files, licence and dependencies, the MCP Bundle unpacked and
+// started the way a host starts it, and the registry entry against the bundles it
+// names. TONDREL_PACKAGE_DIR holds the packages; TONDREL_MCPB is the pinned mcpb CLI.
 import { test, before, after } from "node:test";
 import assert from "node:assert/strict";
 import { execFileSync, spawnSync } from "node:child_process";
 import { createHash } from "node:crypto";
-import { mkdtempSync, readFileSync, readdirSync, rmSync } from "node:fs";
+import { copyFileSync, existsSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync } from "node:fs";
 import { createServer } from "node:net";
 import { tmpdir } from "node:os";
 import { basename, join } from "node:path";
+import { fileURLToPath } from "node:url";
 
 const dir = process.env.TONDREL_PACKAGE_DIR;
 const mcpb = process.env.TONDREL_MCPB;
 const onDebian = process.platform === "linux";
 const files = readdirSync(dir);
-const debFile = files.find((f) => f.endsWith(".deb"));
 const bundleFile = files.find((f) => f.endsWith(".mcpb"));
-let scratch, debRoot, bundleRoot, manifest, registry;
+// The two Debian packages: the bridge, and the simulator with libraries of its own.
+const debs = {
+  bridge: { name: "tondrel-mcp", exe: "tondrel-mcp" },
+  simulator: { name: "tondrel-editor-sim", exe: "tondrel-editor-sim" },
+};
+for (const deb of Object.values(debs)) deb.file = files.find((f) => f.startsWith(`${deb.name}_`) && f.endsWith(".deb"));
+let scratch, bundleRoot, manifest, registry;
 
-const run = (command, args) => execFileSync(command, args, { encoding: "utf8" });
+const repoFile = (path) => new URL(`../../${path}`, import.meta.url);
+const license = readFileSync(repoFile("LICENSE"), "utf8");
+const run = (command, args, options = {}) => execFileSync(command, args, { encoding: "utf8", ...options });
 
 // Sends JSON-RPC requests on one line each and returns the answers by id.
 function talk(binary, requests, env = {}) {
@@ -52,73 +60,147 @@ before(() => {
   manifest = JSON.parse(readFileSync(join(bundleRoot, "manifest.json"), "utf8"));
   registry = JSON.parse(readFileSync(join(dir, "server.json"), "utf8"));
   if (onDebian) {
-    debRoot = join(scratch, "root");
-    run("dpkg-deb", ["-x", join(dir, debFile), debRoot]);
+    for (const deb of Object.values(debs)) {
+      assert.ok(deb.file, `no ${deb.name} package in ${dir}`);
+      deb.root = join(scratch, deb.name);
+      run("dpkg-deb", ["-x", join(dir, deb.file), deb.root]);
+    }
   }
 });
 
 after(() => rmSync(scratch, { recursive: true, force: true }));
 
-const debField = (name) => run("dpkg-deb", ["-f", join(dir, debFile), name]).trim();
-const depends = () => debField("Depends").split(",").map((d) => d.trim());
+const debField = (deb, name) => run("dpkg-deb", ["-f", join(dir, deb.file), name]).trim();
+// Each alternative of each Depends entry, as a package name.
+const dependsOn = (deb) =>
+  debField(deb, "Depends")
+    .split(",")
+    .flatMap((d) => d.split("|").map((alt) => alt.trim().split(/[\s(]/)[0]));
 
-test("the Debian package holds the executables and the README, nothing else", { skip: !onDebian }, () => {
-  const listed = run("dpkg-deb", ["-c", join(dir, debFile)])
+// The packages that own the libraries an executable links, by library.
+function linkedPackages(binary) {
+  const needed = run("objdump", ["-p", binary])
     .split("\n")
-    .filter((line) => line.startsWith("-"))
-    .map((line) => line.split(/\s+/).pop());
-  const required = ["./usr/bin/tondrel-mcp", "./usr/share/doc/tondrel-mcp/README.md"];
-  const allowed = [...required, "./usr/bin/tondrel-editor-sim"];
-  for (const path of required) assert.ok(listed.includes(path), `${path} missing from ${debFile}`);
-  for (const path of listed) assert.ok(allowed.includes(path), `${path} should not be in ${debFile}`);
-});
-
-test("the Debian package is named and versioned after the server it holds", { skip: !onDebian }, () => {
-  const [init] = talk(join(debRoot, "usr/bin/tondrel-mcp"), [initialize]);
-  const version = init.result.serverInfo.version;
-  const arch = run("dpkg", ["--print-architecture"]).trim();
-  for (const [what, actual, expected] of [
-    ["file name", debFile, `tondrel-mcp_${version}_${arch}.deb`],
-    ["Package", debField("Package"), "tondrel-mcp"],
-    ["Version", debField("Version"), version],
-    ["Architecture", debField("Architecture"), arch],
-  ]) {
-    assert.equal(actual, expected, what);
-  }
-});
-
-test("the Debian package depends on libcurl, which the server opens at run time", { skip: !onDebian }, () => {
-  assert.ok(depends().includes("libcurl4 | libcurl3-gnutls"), debField("Depends"));
-});
-
-test("the Debian package depends on the package of every library its executables link", { skip: !onDebian }, () => {
-  const declared = depends().flatMap((d) => d.split("|").map((alt) => alt.trim().split(/[\s(]/)[0]));
-  for (const exe of readdirSync(join(debRoot, "usr/bin"))) {
-    const binary = join(debRoot, "usr/bin", exe);
-    const needed = run("objdump", ["-p", binary])
+    .filter((line) => /^\s*NEEDED\s/.test(line))
+    .map((line) => line.trim().split(/\s+/)[1]);
+  assert.ok(needed.length > 0, `${binary} links nothing?`);
+  const resolved = Object.fromEntries(
+    run("ldd", [binary])
       .split("\n")
-      .filter((line) => /^\s*NEEDED\s/.test(line))
-      .map((line) => line.trim().split(/\s+/)[1]);
-    assert.ok(needed.length > 0, `${exe} links nothing?`);
-    const resolved = Object.fromEntries(
-      run("ldd", [binary])
-        .split("\n")
-        .map((line) => line.trim().match(/^(\S+) => (\S+)/))
-        .filter(Boolean)
-        .map((m) => [m[1], m[2]]),
-    );
-    for (const library of needed) {
-      assert.ok(resolved[library], `${exe}: ${library} not found on this system`);
+      .map((line) => line.trim().match(/^(\S+) => (\S+)/))
+      .filter(Boolean)
+      .map((m) => [m[1], m[2]]),
+  );
+  return Object.fromEntries(
+    needed.map((library) => {
+      assert.ok(resolved[library], `${binary}: ${library} not found on this system`);
       // The multiarch directory keeps other architectures' copies of the same library out.
       const multiarch = basename(join(resolved[library], ".."));
       const owners = run("dpkg", ["-S", `*/${multiarch}/${library}`])
         .split("\n")
         .filter(Boolean)
         .flatMap((line) => line.split(":")[0].split(", "));
+      return [library, owners];
+    }),
+  );
+}
+
+test("each Debian package holds its executable, README and copyright, nothing else", { skip: !onDebian }, () => {
+  for (const deb of Object.values(debs)) {
+    const listed = run("dpkg-deb", ["-c", join(dir, deb.file)])
+      .split("\n")
+      .filter((line) => line.startsWith("-"))
+      .map((line) => line.split(/\s+/).pop())
+      .sort();
+    const expected = [
+      `./usr/bin/${deb.exe}`,
+      `./usr/share/doc/${deb.name}/README.md`,
+      `./usr/share/doc/${deb.name}/copyright`,
+    ];
+    assert.deepEqual(listed, expected, deb.file);
+  }
+});
+
+test("each Debian package is named and versioned after the server it comes with", { skip: !onDebian }, () => {
+  const [init] = talk(join(debs.bridge.root, "usr/bin/tondrel-mcp"), [initialize]);
+  const version = init.result.serverInfo.version;
+  const arch = run("dpkg", ["--print-architecture"]).trim();
+  for (const deb of Object.values(debs)) {
+    for (const [what, actual, expected] of [
+      ["file name", deb.file, `${deb.name}_${version}_${arch}.deb`],
+      ["Package", debField(deb, "Package"), deb.name],
+      ["Version", debField(deb, "Version"), version],
+      ["Architecture", debField(deb, "Architecture"), arch],
+    ]) {
+      assert.equal(actual, expected, `${deb.name}: ${what}`);
+    }
+  }
+});
+
+test("the bridge's package depends on libcurl, which the server opens at run time", { skip: !onDebian }, () => {
+  const depends = debField(debs.bridge, "Depends").split(",").map((d) => d.trim());
+  assert.ok(depends.includes("libcurl4 | libcurl3-gnutls"), depends.join(", "));
+});
+
+test("each Debian package depends on the package of every library its executable links", { skip: !onDebian }, () => {
+  for (const deb of Object.values(debs)) {
+    const declared = dependsOn(deb);
+    for (const [library, owners] of Object.entries(linkedPackages(join(deb.root, "usr/bin", deb.exe)))) {
       assert.ok(
         owners.some((p) => declared.includes(p)),
-        `${exe} links ${library} from ${owners.join(" or ")}, which Depends does not name: ${debField("Depends")}`,
+        `${deb.exe} links ${library} from ${owners.join(" or ")}, which Depends does not name: ${debField(deb, "Depends")}`,
       );
+    }
+  }
+});
+
+test("the bridge's package depends on nothing its server does not link, but libcurl", { skip: !onDebian }, () => {
+  // The simulator's libraries (libsndfile, cairo, cpp-httplib) must never reach a user of the bridge.
+  const linked = Object.values(linkedPackages(join(debs.bridge.root, "usr/bin/tondrel-mcp"))).flat();
+  for (const name of dependsOn(debs.bridge)) {
+    if (name === "libcurl4" || name === "libcurl3-gnutls") continue;
+    assert.ok(linked.includes(name), `tondrel-mcp depends on ${name}, which it does not link`);
+  }
+});
+
+test("the simulator's package runs: it writes its test tone", { skip: !onDebian }, () => {
+  const tone = join(scratch, "tone.wav");
+  run(join(debs.simulator.root, "usr/bin/tondrel-editor-sim"), ["--write-test-tone", tone], { timeout: 30000 });
+  const header = readFileSync(tone).subarray(0, 12).toString("latin1");
+  assert.equal(header.slice(0, 4) + header.slice(8), "RIFFWAVE");
+});
+
+// Debian's machine-readable copyright format, written from LICENSE.
+function parseCopyright(text) {
+  const [header, ...paragraphs] = text.trimEnd().split("\n\n");
+  const fields = (block) => {
+    const out = {};
+    let key;
+    for (const line of block.split("\n")) {
+      if (line.startsWith(" ")) out[key] += "\n" + (line === " ." ? "" : line.slice(1));
+      else [, key, out[key]] = line.match(/^([\w-]+):\s*(.*)$/);
+    }
+    return out;
+  };
+  return { header: fields(header), files: paragraphs.map(fields) };
+}
+
+test("each Debian package carries LICENSE as a machine-readable copyright file", { skip: !onDebian }, () => {
+  const holders = license.match(/^Copyright \(c\) (.+)$/m)[1];
+  const terms = license.slice(license.indexOf("Permission is hereby granted")).trim();
+  for (const deb of Object.values(debs)) {
+    const { header, files: [all, ...rest] } = parseCopyright(
+      readFileSync(join(deb.root, `usr/share/doc/${deb.name}/copyright`), "utf8"),
+    );
+    for (const [what, actual, expected] of [
+      ["Format", header.Format, "https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/"],
+      ["Upstream-Name", header["Upstream-Name"], "tondrel-mcp"],
+      ["Files", all.Files, "*"],
+      ["Copyright", all.Copyright, holders],
+      ["License", all.License, `Expat\n${terms}`],
+      ["other paragraphs", rest.length, 0],
+    ]) {
+      assert.equal(actual, expected, `${deb.name}: ${what}`);
     }
   }
 });
@@ -136,6 +218,8 @@ test("the bundle is named and described after the server it holds", () => {
     ["version", manifest.version, version],
     ["server type", manifest.server.type, "binary"],
     ["platforms", manifest.compatibility.platforms, [process.platform]],
+    ["license", manifest.license, "MIT"],
+    ["LICENSE", readFileSync(join(bundleRoot, "LICENSE"), "utf8"), license],
     ["port setting", manifest.server.mcp_config.env, { TONDREL_API_PORT: "${user_config.api_port}" }],
     ["default port", manifest.user_config.api_port.default, 17910],
   ]) {
@@ -195,15 +279,57 @@ test("server.json describes the bundle that was packed, under the same facts", (
   assert.match(registry.$schema, /^https:\/\/static\.modelcontextprotocol\.io\/schemas\/[\d-]+\/server\.schema\.json$/);
 });
 
-test("the Homebrew formula builds the version and repository the packages name", () => {
-  const formula = readFileSync(new URL("../../packaging/homebrew/tondrel-mcp.rb", import.meta.url), "utf8");
-  const field = (name) => formula.match(new RegExp(`^\\s*${name} "([^"]*)"`, "m"))?.[1];
+// scripts/package --registry: a release gathers one bundle per platform and processor
+// in a directory and names them all in one server.json. Only this machine's bundle
+// can be built here; the others stand in as files of other bytes.
+test("server.json names every bundle gathered for a release, each by its own SHA-256", () => {
+  const version = manifest.version;
+  const other = (target) => `tondrel-mcp-${version}-${target}.mcpb`;
+  const digest = (path) => createHash("sha256").update(readFileSync(path)).digest("hex");
+  const cases = [
+    // [what, the bundles besides this machine's, written, its identifiers in order]
+    ["this machine's alone", [], true],
+    ["and a Mac's", [other("darwin-arm64")], true],
+    ["and three others", [other("darwin-arm64"), other("darwin-x86_64"), other("linux-arm64")], true],
+    ["and one of another version", [`tondrel-mcp-0.0.1-darwin-arm64.mcpb`], false],
+    ["and one of no known processor", [other("linux-riscv64")], false],
+  ];
+  for (const [what, extra, written] of cases) {
+    const release = mkdtempSync(join(scratch, "release-"));
+    copyFileSync(join(dir, bundleFile), join(release, bundleFile));
+    for (const name of extra) writeFileSync(join(release, name), `not ${bundleFile}: ${name}\n`);
+    const done = spawnSync(fileURLToPath(repoFile("scripts/package")), ["--registry", release], {
+      encoding: "utf8",
+      timeout: 120000,
+    });
+    assert.equal(done.status === 0, written, `${what}: ${done.stderr}`);
+    assert.equal(existsSync(join(release, "server.json")), written, `${what}: server.json`);
+    if (!written) continue;
+    const entry = JSON.parse(readFileSync(join(release, "server.json"), "utf8"));
+    const names = [bundleFile, ...extra].sort();
+    assert.deepEqual(
+      entry.packages.map((p) => [p.identifier, p.fileSha256]),
+      names.map((n) => [`${entry.repository.url}/releases/download/v${version}/${n}`, digest(join(release, n))]),
+      what,
+    );
+    // Apart from the file each names, the packages are alike: the same server started the same way.
+    const started = ({ identifier, fileSha256, ...rest }) => rest;
+    for (const pkg of entry.packages) assert.deepEqual(started(pkg), started(registry.packages[0]), what);
+  }
+});
+
+test("the Homebrew formulae build the version and repository the packages name, under its licence", () => {
   const repository = registry.repository.url;
-  for (const [what, actual, expected] of [
-    ["desc", field("desc"), manifest.description],
-    ["homepage", field("homepage"), repository],
-    ["url", field("url"), `${repository}/archive/refs/tags/v${manifest.version}.tar.gz`],
-  ]) {
-    assert.equal(actual, expected, what);
+  for (const file of ["tondrel-mcp.rb", "tondrel-editor-sim.rb"]) {
+    const formula = readFileSync(repoFile(`packaging/homebrew/${file}`), "utf8");
+    const field = (name) => formula.match(new RegExp(`^\\s*${name} "([^"]*)"`, "m"))?.[1];
+    if (file === "tondrel-mcp.rb") assert.equal(field("desc"), manifest.description, `${file}: desc`);
+    for (const [what, actual, expected] of [
+      ["homepage", field("homepage"), repository],
+      ["url", field("url"), `${repository}/archive/refs/tags/v${manifest.version}.tar.gz`],
+      ["license", field("license"), manifest.license],
+    ]) {
+      assert.equal(actual, expected, `${file}: ${what}`);
+    }
   }
 });
