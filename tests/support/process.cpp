@@ -1,7 +1,6 @@
 #include "process.hpp"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -9,6 +8,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 extern char** environ;
@@ -59,41 +59,16 @@ int exitStatus(int status) {
 }  // namespace
 
 Finished runServer(std::string_view input, const std::vector<std::string>& environment) {
-  Child child = spawn(Launch{environment});
-  int in[] = {-1, child.in}, out[] = {child.out, -1}, err[] = {child.err, -1};
-  ::fcntl(in[1], F_SETFL, O_NONBLOCK);
-
+  ServerProcess server(environment);
+  std::thread writer([&] {  // written while the answers are read, so neither pipe can stall the other
+    server.send(input);
+    server.closeInput();
+  });
   Finished finished;
-  std::size_t written = 0;
-  if (input.empty()) ::close(in[1]), in[1] = -1;
-  char chunk[1 << 16];
-  while (out[0] >= 0 || err[0] >= 0) {
-    pollfd fds[] = {{in[1], POLLOUT, 0}, {out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    ::poll(fds, 3, -1);
-    if (in[1] >= 0 && fds[0].revents) {
-      ssize_t n = ::write(in[1], input.data() + written, input.size() - written);
-      if (n > 0) written += n;
-      if (n < 0 || written == input.size()) ::close(in[1]), in[1] = -1;
-    }
-    struct Stream {
-      short revents;
-      int* fd;
-      std::string* sink;
-    };
-    for (Stream s :
-         {Stream{fds[1].revents, &out[0], &finished.out}, Stream{fds[2].revents, &err[0], &finished.err}}) {
-      if (*s.fd < 0 || !s.revents) continue;
-      ssize_t n = ::read(*s.fd, chunk, sizeof chunk);
-      if (n > 0)
-        s.sink->append(chunk, n);
-      else
-        ::close(*s.fd), *s.fd = -1;
-    }
-  }
-  if (in[1] >= 0) ::close(in[1]);
-  int status = 0;
-  ::waitpid(child.pid, &status, 0);
-  finished.status = exitStatus(status);
+  finished.out = server.readAll();
+  writer.join();
+  finished.status = server.wait(60);
+  finished.err = server.errors();
   return finished;
 }
 
