@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <thread>
@@ -244,6 +245,43 @@ TEST(MemoryFaults, WhatDoesNotFitFailsOneLineOrOneCallAndTheNextIsServed) {
   EXPECT_EQ(server.wait(10), 0);
   EXPECT_EQ(server.errors(), "");
 }
+
+#ifdef __linux__
+std::size_t residentMiB(int pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("VmRSS:")) return std::stoul(line.substr(6)) >> 10;
+  return 0;
+}
+
+// A session keeps no large call's memory: after each, it holds about what it held
+// after its first small call.
+TEST(MemoryFaults, MemoryFallsBackAfterEachLargeCall) {
+  StandInEditor editor;
+  ServerProcess server({port(editor.port())});
+  server.send(call("tondrel_state"));
+  server.readLine();
+  std::size_t settled = residentMiB(server.pid());
+  const std::string large(48 << 20, 'x');
+  const std::pair<CannedAnswer, std::string> calls[] = {
+      {{200, "{}", "application/json"},
+       R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"tondrel_replace_document",)"
+       R"("arguments":{"document":{"a":")" +
+           large + "\"}}}}\n"},
+      {{200, large, "application/json"}, call("tondrel_document", 2)},
+      {{200, large, "image/png"}, call("tondrel_snapshot", 2)},
+  };
+  for (const auto& [answer, line] : calls) {
+    editor.answer(answer);
+    server.send(line);
+    EXPECT_NE(server.readLine().find(R"("id":2,"result")"), std::string::npos);
+    server.send(R"({"jsonrpc":"2.0","id":3,"method":"ping"})"
+                "\n");  // answered once the call is cleared away
+    server.readLine();
+    EXPECT_LE(residentMiB(server.pid()), settled + 8) << line.substr(0, 120);
+  }
+}
+#endif
 
 // Hosts that hand over unusual standard streams.
 TEST(HostFaults, AnswersGoOutWholeWhateverTheHostHandsOver) {

@@ -46,6 +46,7 @@ class ServerProcess {
   // Exit status once it has exited within seconds; -1 otherwise, or if killed by a signal.
   int wait(int seconds);
   std::string errors();  // all it wrote on standard error; call once it has exited
+  int pid() const { return pid_; }
 
  private:
   int pid_ = -1, in_ = -1, out_ = -1, err_ = -1, status_ = -1;
