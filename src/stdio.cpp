@@ -96,6 +96,7 @@ void LineReader::fill() {
 // whatever follows until its line feed, reading into the buffer we have.
 void LineReader::skipRestOfLine() {
   begin_ = scan_ = end_ = 0;
+  if (capacity_ < padding_ + kMinRead) atEnd_ = true;  // not even a first buffer: nothing can be read
   while (!atEnd_) {
     fill();
     if (auto* lf = static_cast<char*>(std::memchr(buffer_, '\n', end_))) {
