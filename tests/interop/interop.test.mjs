@@ -1,6 +1,6 @@
 // The built tondrel-mcp driven by the official MCP SDK client, as an agent's host drives it,
 // against a stand-in editor on loopback. What each tool sends the editor is tested in C++;
-// this proves the SDK and the server agree on the protocol and on the shape of every answer.
+// this proves the SDK and the server agree on the protocol and on the shape of each kind of answer.
 import { after, before, describe, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
@@ -12,10 +12,11 @@ import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js'
 import { AjvJsonSchemaValidator } from '@modelcontextprotocol/sdk/validation/ajv';
 import { LATEST_PROTOCOL_VERSION } from '@modelcontextprotocol/sdk/types.js';
 
-const binary = process.env.TONDREL_MCP_BINARY || fileURLToPath(new URL('../../build/test/tondrel-mcp', import.meta.url));
+const binary = process.env.TONDREL_MCP_BINARY ||
+  fileURLToPath(new URL('../../build/test/tondrel-mcp', import.meta.url));
 const textResult = (text, isError) => ({ content: [{ type: 'text', text }], isError });
 
-// Listens on a free loopback port; with no handler it is closed again, leaving a port nothing answers on.
+// Listens on a free loopback port; with no handler it closes again, leaving a port nothing answers on.
 async function listen(handler) {
   const server = http.createServer(handler).listen(0, '127.0.0.1');
   await once(server, 'listening');
@@ -26,7 +27,7 @@ async function listen(handler) {
 
 // Connects as a host whose SDK offers protocolVersion; remembers what the client settled on.
 async function connect(port, protocolVersion = LATEST_PROTOCOL_VERSION) {
-  const transport = new StdioClientTransport({ command: binary, env: { TONDREL_API_PORT: String(port) }, stderr: 'pipe' });
+  const transport = new StdioClientTransport({ command: binary, env: { TONDREL_API_PORT: `${port}` }, stderr: 'pipe' });
   const session = { errors: [], stderr: '' };
   transport.stderr.on('data', (chunk) => { session.stderr += chunk; });
   const send = transport.send.bind(transport);
@@ -57,35 +58,36 @@ describe('tondrel-mcp through the MCP SDK client', () => {
     for (const { errors, stderr } of sessions) assert.deepEqual([errors, stderr], [[], '']);
   });
 
-  test('handshakes with the newest and the oldest protocol version, then lists tools the SDK takes and answers a ping', async () => {
+  test('handshakes with the newest and the oldest version, lists tools the SDK takes, answers a ping', async () => {
     for (const [i, version] of [LATEST_PROTOCOL_VERSION, '2024-11-05'].entries()) {
       const { client, negotiated } = sessions[i];
-      assert.deepEqual([negotiated, client.getServerVersion(), client.getServerCapabilities()],
-        [version, { name: 'tondrel', version: '0.9.0' }, { tools: {} }]);
+      assert.deepEqual([negotiated, client.getServerVersion(), client.getServerCapabilities(), await client.ping()],
+        [version, { name: 'tondrel', version: '0.9.0' }, { tools: {} }, {}]);
       const { tools } = await client.listTools();
       assert.equal(tools.length, 16);
-      for (const { name, inputSchema } of tools) assert.doesNotThrow(() => new AjvJsonSchemaValidator().getValidator(inputSchema), name);
-      assert.deepEqual(await client.ping(), {});
+      const validator = new AjvJsonSchemaValidator();
+      for (const { name, inputSchema } of tools) assert.doesNotThrow(() => validator.getValidator(inputSchema), name);
     }
   });
 
-  test('a call is one request, its answer text or for 404 and 500 an error result; an unknown tool is a protocol error', async () => {
+  test('a call is one request, answered as text or, for 404 and 500, as an error result', async () => {
     for (const [status, isError] of [[200, false], [404, true], [500, true]]) {
       reply = { status, type: 'application/json', body: `{"status":${status}}` };
       const sent = requests.length;
-      assert.deepEqual(await call('tondrel_edit', { ops: [] }), textResult(reply.body, isError), String(status));
+      assert.deepEqual(await call('tondrel_edit', { ops: [] }), textResult(reply.body, isError), `${status}`);
       assert.deepEqual(requests.slice(sent), ['POST /v1/edit']);
     }
     const sent = requests.length;
-    await assert.rejects(call('tondrel_nope'), { name: 'McpError', code: -32602, message: /unknown tool: tondrel_nope/ });
+    await assert.rejects(call('tondrel_nope'), { code: -32602, message: /unknown tool: tondrel_nope/ });
     assert.equal(requests.length, sent, 'an unknown tool never reaches the editor');
   });
 
   test('a snapshot comes back as a PNG image with its caption', async () => {
-    const png = Buffer.concat([Buffer.from('89504e470d0a1a0a', 'hex'), Buffer.from(Array.from({ length: 65536 }, (_, i) => (i * 7919) & 255))]);
+    const png = Buffer.from(Array.from({ length: 65536 }, (_, i) => (i * 7919) & 255));
+    png.write('89504e470d0a1a0a', 'hex');
     reply = { status: 200, type: 'image/png', body: png };
-    assert.deepEqual(await call('tondrel_snapshot'), { content: [{ type: 'image', data: png.toString('base64'), mimeType: 'image/png' },
-      { type: 'text', text: 'Snapshot of the Tondrel window.' }] });
+    assert.deepEqual(await call('tondrel_snapshot'), { content: [{ type: 'image', data: png.toString('base64'),
+      mimeType: 'image/png' }, { type: 'text', text: 'Snapshot of the Tondrel window.' }] });
   });
 
   test('with the editor down, a call says so and asks for Tondrel to be launched', async () => {
@@ -94,13 +96,12 @@ describe('tondrel-mcp through the MCP SDK client', () => {
   });
 });
 
-test('a host probing with its own discovery method gets -32601 and can then initialize', async () => {
-  const input = [{ id: 'probe-1', method: 'server/discover' }, { id: 1, method: 'initialize', params: { protocolVersion: LATEST_PROTOCOL_VERSION } }]
-    .map((line) => `${JSON.stringify({ jsonrpc: '2.0', ...line })}\n`).join('');
+test('a host probing with its own discovery method gets -32601 and can then initialize', () => {
+  const input = '{"jsonrpc":"2.0","id":"probe-1","method":"server/discover"}\n' +
+    `{"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"${LATEST_PROTOCOL_VERSION}"}}\n`;
   const done = spawnSync(binary, [], { input, encoding: 'utf8', timeout: 10000 });
   assert.deepEqual([done.status, done.stderr], [0, '']);
   const [probe, init] = done.stdout.trim().split('\n').map((line) => JSON.parse(line));
-  assert.deepEqual(probe, { jsonrpc: '2.0', id: 'probe-1', error: { code: -32601, message: 'method not found: server/discover' } });
-  assert.deepEqual([init.id, init.result.protocolVersion, init.result.serverInfo],
-    [1, LATEST_PROTOCOL_VERSION, { name: 'tondrel', version: '0.9.0' }]);
+  assert.deepEqual(probe.error, { code: -32601, message: 'method not found: server/discover' });
+  assert.deepEqual([probe.id, init.id, init.result.protocolVersion], ['probe-1', 1, LATEST_PROTOCOL_VERSION]);
 });
