@@ -70,13 +70,15 @@ describe('tondrel-mcp through the MCP SDK client', () => {
     }
   });
 
-  test('a call is one request, answered as text or, for 404 and 500, as an error result', async () => {
+  test('calls answer as text or as error results (404, 500, editor down); unknown tools are refused', async () => {
     for (const [status, isError] of [[200, false], [404, true], [500, true]]) {
       reply = { status, type: 'application/json', body: `{"status":${status}}` };
       const sent = requests.length;
       assert.deepEqual(await call('tondrel_edit', { ops: [] }), textResult(reply.body, isError), `${status}`);
       assert.deepEqual(requests.slice(sent), ['POST /v1/edit']);
     }
+    assert.deepEqual(await sessions[2].client.callTool({ name: 'tondrel_state', arguments: {} }), textResult(
+      `Tondrel is not reachable at http://127.0.0.1:${down} \u2014 launch /Applications/Tondrel.app and retry.`, true));
     const sent = requests.length;
     await assert.rejects(call('tondrel_nope'), { code: -32602, message: /unknown tool: tondrel_nope/ });
     assert.equal(requests.length, sent, 'an unknown tool never reaches the editor');
@@ -88,11 +90,6 @@ describe('tondrel-mcp through the MCP SDK client', () => {
     reply = { status: 200, type: 'image/png', body: png };
     assert.deepEqual(await call('tondrel_snapshot'), { content: [{ type: 'image', data: png.toString('base64'),
       mimeType: 'image/png' }, { type: 'text', text: 'Snapshot of the Tondrel window.' }] });
-  });
-
-  test('with the editor down, a call says so and asks for Tondrel to be launched', async () => {
-    assert.deepEqual(await sessions[2].client.callTool({ name: 'tondrel_state', arguments: {} }), textResult(
-      `Tondrel is not reachable at http://127.0.0.1:${down} \u2014 launch /Applications/Tondrel.app and retry.`, true));
   });
 });
 

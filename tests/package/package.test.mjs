@@ -82,17 +82,17 @@ test("the bundle validates, holds LICENSE, and its server starts as a host start
   await new Promise((resolve) => closed.listen(0, "127.0.0.1", resolve));
   const port = `${closed.address().port}`;
   await new Promise((resolve) => closed.close(resolve));
-  const expand = (text) => text.replaceAll("${__dirname}", bundleRoot).replaceAll("${user_config.api_port}", port);
-  const { command, env } = manifest.server.mcp_config;
+  // A host fills in the manifest's placeholders: where it unpacked the bundle, and the user's settings.
+  const config = JSON.stringify(manifest.server.mcp_config).replaceAll("${__dirname}", bundleRoot);
+  const { command, env } = JSON.parse(config.replaceAll("${user_config.api_port}", port));
   // Whatever is not part of every system must come from the bundle itself.
   const base = /^(linux-vdso|ld-linux|libc|libm|libdl|libpthread|librt|libgcc_s|libstdc\+\+)[.-]/;
-  const ldd = linuxOnly.skip ? "" : run("ldd", [expand(command)]);
+  const ldd = linuxOnly.skip ? "" : run("ldd", [command]);
   const outside = [...ldd.matchAll(/(\S+) => (.*)/g)].filter((m) => !base.test(m[1]) && !m[2].startsWith(bundleRoot));
   assert.deepEqual(outside.map(([line]) => line), []);
   const input = `{"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}}
 {"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"tondrel_state","arguments":{}}}\n`;
-  const hostEnv = Object.fromEntries(Object.entries(env).map(([name, value]) => [name, expand(value)]));
-  const done = spawnSync(expand(command), [], { input, env: hostEnv, encoding: "utf8", timeout: 30000 });
+  const done = spawnSync(command, [], { input, env, encoding: "utf8", timeout: 30000 });
   const [init, call] = done.stdout.trim().split("\n").map((line) => JSON.parse(line));
   assert.equal(init.result.serverInfo.version, manifest.version);
   assert.match(call.result.content[0].text, new RegExp(`not reachable at http://127\\.0\\.0\\.1:${port} `));
