@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "catalogue.hpp"
+#include "shortest_double.hpp"
 
 namespace tondrel {
 
@@ -109,7 +110,7 @@ class Request {
       path_ += text.value_unsafe();
     } else if (value->is_double()) {
       char digits[32];
-      path_.append(digits, std::to_chars(digits, digits + sizeof digits, double(*value)).ptr);
+      path_.append(digits, shortestChars(digits, digits + sizeof digits, double(*value)).ptr);
     } else {
       JsonWriter(path_).value(*value);
     }
