@@ -132,9 +132,17 @@ std::string readRequest(int fd) {
 }
 
 void writeText(int fd, const std::string& text) {
+  // A peer that hung up must fail the send, not raise SIGPIPE; macOS says so per socket.
+#ifdef MSG_NOSIGNAL
+  constexpr int kNoSignal = MSG_NOSIGNAL;
+#else
+  constexpr int kNoSignal = 0;
+  int on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
   std::size_t done = 0;
   while (done < text.size()) {
-    ssize_t n = ::send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+    ssize_t n = ::send(fd, text.data() + done, text.size() - done, kNoSignal);
     if (n <= 0) return;
     done += n;
   }
