@@ -1,7 +1,10 @@
 #include "stand_in_editor.hpp"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#ifdef TONDREL_TEST_HTTPLIB
 #include <httplib.h>
+#endif
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,6 +15,7 @@
 
 namespace tondrel::test {
 
+#ifdef TONDREL_TEST_HTTPLIB
 struct StandInEditor::Impl {
   httplib::Server server;
   std::thread thread;
@@ -45,6 +49,7 @@ StandInEditor::~StandInEditor() {
   impl_->server.stop();
   impl_->thread.join();
 }
+#endif
 
 void StandInEditor::answer(CannedAnswer answer) {
   std::lock_guard lock(mutex_);
@@ -60,6 +65,7 @@ namespace {
 
 int listenOn(int port) {
   int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  ::fcntl(fd, F_SETFD, FD_CLOEXEC);  // a server process started later must not hold the port
   int on = 1;
   ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address{};
@@ -154,5 +160,85 @@ int closedPort() {
   ::close(fd);
   return port;
 }
+
+#ifndef TONDREL_TEST_HTTPLIB
+// The same stand-in on plain sockets, where the system's compiled cpp-httplib does
+// not link (a build with libc++ on Linux): a thread for each connection, kept alive
+// until the client hangs up or the stand-in stops.
+struct StandInEditor::Impl {
+  int listener = -1;
+  int stop[2] = {-1, -1};
+  std::vector<int> connections;
+  std::vector<std::thread> workers;
+  std::thread acceptor;
+};
+
+namespace {
+
+RecordedRequest parseRequest(const std::string& text) {
+  RecordedRequest request;
+  std::size_t lineEnd = text.find("\r\n"), head = text.find("\r\n\r\n");
+  std::size_t space = text.find(' '), second = text.find(' ', space + 1);
+  request.method = text.substr(0, space);
+  request.target = text.substr(space + 1, second - space - 1);
+  for (std::size_t at = lineEnd + 2; at < head;) {
+    std::size_t end = text.find("\r\n", at), colon = text.find(':', at);
+    std::string name = text.substr(at, colon - at);
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::size_t value = text.find_first_not_of(" \t", colon + 1);
+    request.headers[name] = value < end ? text.substr(value, end - value) : "";
+    at = end + 2;
+  }
+  request.body = text.substr(head + 4);
+  return request;
+}
+
+}  // namespace
+
+StandInEditor::StandInEditor(int port) : impl_(std::make_unique<Impl>()) {
+  impl_->listener = listenOn(port);
+  port_ = boundPort(impl_->listener);
+  if (::pipe(impl_->stop) != 0) throw std::runtime_error("pipe");
+  for (int fd : impl_->stop) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+  auto serve = [this](int fd) {
+    for (std::string text; !(text = readRequest(fd)).empty();) {
+      CannedAnswer answer;
+      {
+        std::lock_guard lock(mutex_);
+        requests_.push_back(parseRequest(text));
+        answer = answer_;
+      }
+      std::string response = "HTTP/1.1 " + std::to_string(answer.status) + " Stand-in\r\nContent-Type: ";
+      response.append(answer.contentType).append("\r\nContent-Length: ");
+      response.append(std::to_string(answer.body.size())).append("\r\n\r\n").append(answer.body);
+      writeText(fd, response);
+    }
+  };
+  impl_->acceptor = std::thread([this, serve] {
+    for (;;) {
+      pollfd fds[] = {{impl_->listener, POLLIN, 0}, {impl_->stop[0], POLLIN, 0}};
+      ::poll(fds, 2, -1);
+      if (fds[1].revents) return;
+      int connection = ::accept(impl_->listener, nullptr, nullptr);
+      if (connection < 0) continue;
+      ::fcntl(connection, F_SETFD, FD_CLOEXEC);
+      impl_->connections.push_back(connection);
+      impl_->workers.emplace_back(serve, connection);
+    }
+  });
+}
+
+StandInEditor::~StandInEditor() {
+  // Like an editor that quits: no new connections, and the open ones closed.
+  [[maybe_unused]] auto woken = ::write(impl_->stop[1], "x", 1);
+  impl_->acceptor.join();
+  ::close(impl_->listener);
+  for (int fd : impl_->connections) ::shutdown(fd, SHUT_RDWR);
+  for (auto& worker : impl_->workers) worker.join();
+  for (int fd : impl_->connections) ::close(fd);
+  ::close(impl_->stop[0]);
+  ::close(impl_->stop[1]);
+}
+#endif
 
 }  // namespace tondrel::test
