@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 #include <system_error>
 
@@ -57,16 +56,14 @@ std::to_chars_result shortestCharsByPrintf(char* first, char* last, double value
       char text[48];
       std::snprintf(text, sizeof text, "%.*e", precision - 1, magnitude);
       Decimal nearest = fromExponentText(text);
-      auto readsBack = [magnitude](const Decimal& d) {
-        char candidate[48];
-        std::snprintf(candidate, sizeof candidate, "%c.%.*se%d", d.digits[0], d.count - 1, d.digits + 1, d.exponent);
-        return std::strtod(candidate, nullptr) == magnitude;
-      };
-      if (readsBack(nearest)) {
+      if (std::strtod(text, nullptr) == magnitude) {
         shortest = nearest;
         break;
       }
-      if (Decimal up = nextUp(nearest); powerOfTwo && readsBack(up)) {
+      if (!powerOfTwo) continue;
+      Decimal up = nextUp(nearest);
+      std::snprintf(text, sizeof text, "%c.%.*se%d", up.digits[0], up.count - 1, up.digits + 1, up.exponent);
+      if (std::strtod(text, nullptr) == magnitude) {
         shortest = up;
         break;
       }
@@ -77,7 +74,7 @@ std::to_chars_result shortestCharsByPrintf(char* first, char* last, double value
   // Fixed notation: all digits, zeros to the point, or "0.000ddd".
   const int n = shortest.count, e = shortest.exponent;
   const int fixedLength = e >= n - 1 ? e + 1 : e >= 0 ? n + 1 : n + 1 - e;
-  const int exponentDigits = std::max(2, std::abs(e) >= 100 ? 3 : std::abs(e) >= 10 ? 2 : 1);
+  const int exponentDigits = std::abs(e) >= 100 ? 3 : 2;
   const int scientificLength = n + (n > 1 ? 1 : 0) + 2 + exponentDigits;
   const int length = int(negative) + std::min(fixedLength, scientificLength);
   if (last - first < length) return {last, std::errc::value_too_large};
