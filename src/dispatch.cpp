@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "catalogue.hpp"
+#include "shortest_double.hpp"
 
 namespace tondrel {
 
@@ -15,9 +16,7 @@ std::string escapeQueryValue(std::string_view value) {
   std::string escaped;
   escaped.reserve(value.size());
   for (unsigned char c : value) {
-    if (std::isalnum(c) && c < 0x80)
-      escaped.push_back(static_cast<char>(c));
-    else if (kPlain.find(static_cast<char>(c)) != std::string_view::npos)
+    if ((std::isalnum(c) && c < 0x80) || kPlain.find(static_cast<char>(c)) != std::string_view::npos)
       escaped.push_back(static_cast<char>(c));
     else
       escaped.append({'%', kHex[c >> 4], kHex[c & 0xF]});

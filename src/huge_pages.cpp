@@ -12,9 +12,11 @@ void adviseHugePages([[maybe_unused]] void* block, [[maybe_unused]] std::size_t 
 #ifdef MADV_HUGEPAGE
   constexpr std::uintptr_t kHuge = 2 << 20;
   if (size < 2 * kHuge) return;
-  auto begin = (reinterpret_cast<std::uintptr_t>(block) + kHuge - 1) & ~(kHuge - 1);
-  auto end = (reinterpret_cast<std::uintptr_t>(block) + size) & ~(kHuge - 1);
-  if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+  auto address = reinterpret_cast<std::uintptr_t>(block);
+  auto begin = (address + kHuge - 1) & ~(kHuge - 1);
+  auto end = (address + size) & ~(kHuge - 1);
+  // Offsets from the block itself, so the compiler still knows where the pointer points.
+  if (end > begin) ::madvise(static_cast<char*>(block) + (begin - address), end - begin, MADV_HUGEPAGE);
 #endif
 }
 

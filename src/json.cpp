@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "shortest_double.hpp"
+
 namespace tondrel {
 namespace {
 
@@ -220,7 +222,7 @@ JsonWriter& JsonWriter::number(double value) {
   if (!std::isfinite(value)) return null();
   separate();
   char buffer[32];
-  auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+  auto end = shortestChars(buffer, buffer + sizeof buffer, value).ptr;
   out_.append(buffer, end);
   if (std::string_view(buffer, end - buffer).find_first_of(".e") == std::string_view::npos) out_ += ".0";
   return *this;

@@ -134,8 +134,10 @@ TEST(JsonWriter, WritesStandardBase64) {
                                                    {"foob", "Zm9vYg=="},
                                                    {"fooba", "Zm9vYmE="},
                                                    {"foobar", "Zm9vYmFy"}};
-  for (const auto& [input, expected] : vectors)
-    EXPECT_EQ(write([&](JsonWriter& w) { w.base64String(input); }), "\"" + expected + "\"") << input;
+  for (const auto& [input, expected] : vectors) {
+    const std::string& bytes = input;  // lambdas capture structured bindings from clang 16 on
+    EXPECT_EQ(write([&](JsonWriter& w) { w.base64String(bytes); }), "\"" + expected + "\"") << input;
+  }
 }
 
 TEST(TrimWhitespace, StripsUnicodeWhitespaceFromBothEnds) {

@@ -1,7 +1,7 @@
 #include "stand_in_editor.hpp"
 
 #include <arpa/inet.h>
-#include <httplib.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,42 +11,6 @@
 #include <stdexcept>
 
 namespace tondrel::test {
-
-struct StandInEditor::Impl {
-  httplib::Server server;
-  std::thread thread;
-};
-
-StandInEditor::StandInEditor(int port) : impl_(std::make_unique<Impl>()) {
-  auto record = [this](const httplib::Request& request, httplib::Response& response) {
-    RecordedRequest recorded{request.method, request.target, {}, request.body};
-    for (const auto& [name, value] : request.headers) {
-      std::string lower = name;
-      for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      recorded.headers[lower] = value;
-    }
-    std::lock_guard lock(mutex_);
-    requests_.push_back(std::move(recorded));
-    response.status = answer_.status;
-    response.set_content(answer_.body, answer_.contentType.c_str());
-  };
-  impl_->server.Get(".*", record);
-  impl_->server.Post(".*", record);
-  impl_->server.Put(".*", record);
-  impl_->server.set_keep_alive_max_count(1000);
-  impl_->server.set_tcp_nodelay(true);
-  impl_->server.set_keep_alive_timeout(1);  // stopping waits for idle connections this long
-  if (port == 0)
-    port_ = impl_->server.bind_to_any_port("127.0.0.1");
-  else if (impl_->server.bind_to_port("127.0.0.1", port))
-    port_ = port;
-  impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
-}
-
-StandInEditor::~StandInEditor() {
-  impl_->server.stop();
-  impl_->thread.join();
-}
 
 void StandInEditor::answer(CannedAnswer answer) {
   std::lock_guard lock(mutex_);
@@ -62,6 +26,7 @@ namespace {
 
 int listenOn(int port) {
   int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  ::fcntl(fd, F_SETFD, FD_CLOEXEC);  // a server process started later must not hold the port
   int on = 1;
   ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address{};
@@ -86,6 +51,7 @@ ScriptedServer::ScriptedServer(Script script, int port) : script_(std::move(scri
   listener_ = listenOn(port);
   port_ = boundPort(listener_);
   if (::pipe(stop_) != 0) throw std::runtime_error("pipe");
+  for (int fd : stop_) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
   thread_ = std::thread([this] {
     for (;;) {
       pollfd fds[] = {{listener_, POLLIN, 0}, {stop_[0], POLLIN, 0}};
@@ -93,6 +59,7 @@ ScriptedServer::ScriptedServer(Script script, int port) : script_(std::move(scri
       if (fds[1].revents) return;
       int connection = ::accept(listener_, nullptr, nullptr);
       if (connection < 0) continue;
+      ::fcntl(connection, F_SETFD, FD_CLOEXEC);
       ++connections_;
       std::lock_guard lock(mutex_);
       open_.push_back(connection);
@@ -160,9 +127,17 @@ std::string readRequest(int fd) {
 }
 
 void writeText(int fd, const std::string& text) {
+  // A peer that hung up must fail the send, not raise SIGPIPE; macOS says so per socket.
+#ifdef MSG_NOSIGNAL
+  constexpr int kNoSignal = MSG_NOSIGNAL;
+#else
+  constexpr int kNoSignal = 0;
+  int on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
   std::size_t done = 0;
   while (done < text.size()) {
-    ssize_t n = ::send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+    ssize_t n = ::send(fd, text.data() + done, text.size() - done, kNoSignal);
     if (n <= 0) return;
     done += n;
   }
@@ -174,5 +149,43 @@ int closedPort() {
   ::close(fd);
   return port;
 }
+
+namespace {
+
+RecordedRequest parseRequest(const std::string& text) {
+  RecordedRequest request;
+  std::size_t lineEnd = text.find("\r\n"), head = text.find("\r\n\r\n");
+  std::size_t space = text.find(' '), second = text.find(' ', space + 1);
+  request.method = text.substr(0, space);
+  request.target = text.substr(space + 1, second - space - 1);
+  for (std::size_t at = lineEnd + 2; at < head;) {
+    std::size_t end = text.find("\r\n", at), colon = text.find(':', at);
+    std::string name = text.substr(at, colon - at);
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::size_t value = text.find_first_not_of(" \t", colon + 1);
+    request.headers[name] = value < end ? text.substr(value, end - value) : "";
+    at = end + 2;
+  }
+  request.body = text.substr(head + 4);
+  return request;
+}
+
+}  // namespace
+
+StandInEditor::StandInEditor(int port)
+    : server_(
+          [this](int fd, int, const std::string& text) {
+            CannedAnswer answer;
+            {
+              std::lock_guard lock(mutex_);
+              requests_.push_back(parseRequest(text));
+              answer = answer_;
+            }
+            writeText(fd, "HTTP/1.1 " + std::to_string(answer.status) +
+                              " Stand-in\r\nContent-Type: " + answer.contentType + "\r\nContent-Length: " +
+                              std::to_string(answer.body.size()) + "\r\n\r\n" + answer.body);
+            return true;
+          },
+          port) {}
 
 }  // namespace tondrel::test

@@ -1,11 +1,10 @@
-// Stand-ins for the editor on loopback: one that speaks HTTP and records every
-// request, and one that speaks raw bytes for faults no real server commits.
+// Stand-ins for the editor on loopback, on plain sockets: one that speaks raw bytes
+// for faults no real server commits, and one that speaks HTTP and records requests.
 #pragma once
 
 #include <atomic>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -25,25 +24,6 @@ struct CannedAnswer {
   int status = 200;
   std::string body = R"({"ok":true})";
   std::string contentType = "application/json";
-};
-
-class StandInEditor {
- public:
-  explicit StandInEditor(int port = 0);
-  ~StandInEditor();
-
-  int port() const { return port_; }
-  std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  void answer(CannedAnswer answer);
-  std::vector<RecordedRequest> requests() const;
-
- private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
-  int port_ = 0;
-  mutable std::mutex mutex_;
-  std::vector<RecordedRequest> requests_;
-  CannedAnswer answer_;
 };
 
 // An editor that speaks raw bytes, for faults no real server commits. Every
@@ -75,6 +55,24 @@ class ScriptedServer {
   std::vector<int> open_;
   std::vector<std::thread> threads_;
   std::thread thread_;
+};
+
+// An editor that speaks HTTP, records every request and gives each the same
+// canned answer.
+class StandInEditor {
+ public:
+  explicit StandInEditor(int port = 0);
+
+  int port() const { return server_.port(); }
+  std::string base() const { return server_.base(); }
+  void answer(CannedAnswer answer);
+  std::vector<RecordedRequest> requests() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<RecordedRequest> requests_;
+  CannedAnswer answer_;
+  ScriptedServer server_;  // last: it stops first, while what it uses still stands
 };
 
 // Reads one HTTP request (head and Content-Length body), or what came before the
