@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "render.hpp"
+#include "export.hpp"
 #include "sim_support.hpp"
 
 namespace tondrel::sim::test {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <random>
 
-#include "render.hpp"
+#include "export.hpp"
 #include "sim_support.hpp"
 #include "snapshot.hpp"
 #include "catalogue.hpp"
