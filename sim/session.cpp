@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <tuple>
 
 namespace tondrel::sim {
 
@@ -125,65 +126,59 @@ void Session::transport(const json& request) {
   }
 }
 
+namespace {
+
+json clipsNamed(const json& document, const json& ids) {
+  if (!ids.is_array()) throw SimError("clips must be an array of clip UUID strings");
+  for (const json& id : ids) {
+    bool found = false;
+    if (id.is_string())
+      for (const json& track : document["tracks"])
+        for (const json& clip : track["clips"]) found = found || clip["id"] == id;
+    if (!found)
+      throw SimError("clips: no clip with id " +
+                     (id.is_string() ? id.dump() : std::string("of that kind: ids are strings")));
+  }
+  return ids;
+}
+
+int trackNamed(const json& document, const json& index) {
+  auto count = static_cast<long long>(document["tracks"].size());
+  if (!index.is_number_integer() || index.get<long long>() < 0 || index.get<long long>() >= count)
+    throw SimError("track must be a track index below " + std::to_string(count) + ", the number of tracks");
+  return index.get<int>();
+}
+
+// The span that shows the selected range and clips; {0, 0} (the whole project) when it is empty.
+std::pair<double, double> fitted(const json& document, const json& clips, std::optional<std::pair<double, double>> range) {
+  double start = kMaxTime, end = 0;
+  if (range) start = range->first, end = range->second;
+  for (const json& track : document["tracks"])
+    for (const json& clip : track["clips"])
+      if (std::find(clips.begin(), clips.end(), clip["id"]) != clips.end())
+        start = std::min(start, clip["offset"].get<double>()), end = std::max(end, clipEnd(clip));
+  return end - start >= 1e-3 ? std::pair{start, end} : std::pair{0.0, 0.0};
+}
+
+}  // namespace
+
 void Session::select(const json& request) {
   if (!request.is_object()) throw SimError("the body must be a JSON object");
-  if (request.empty()) {
-    selectedClips = json::array();
-    selectedTrack.reset();
-    selectionRange.reset();
-    return;
-  }
-  json clips = selectedClips;
-  if (request.contains("clips")) {
-    const json& ids = request["clips"].is_null() ? json::array() : request["clips"];
-    if (!ids.is_array()) throw SimError("clips must be an array of clip UUID strings");
-    clips = json::array();
-    for (const json& id : ids) {
-      bool found = false;
-      if (id.is_string())
-        for (const json& track : document_["tracks"])
-          for (const json& clip : track["clips"]) found = found || clip["id"] == id;
-      if (!found)
-        throw SimError("clips: no clip with id " +
-                       (id.is_string() ? id.dump() : std::string("of that kind: ids are strings")));
-      clips.push_back(id);
-    }
-  }
-  std::optional<int> track = selectedTrack;
-  if (request.contains("track")) {
-    const json& index = request["track"];
-    if (index.is_null())
-      track.reset();
-    else if (!index.is_number_integer() || index.get<long long>() < 0 ||
-             index.get<long long>() >= static_cast<long long>(document_["tracks"].size()))
-      throw SimError("track must be a track index from 0 to " + std::to_string(document_["tracks"].size()) +
-                     " - 1");
-    else
-      track = index.get<int>();
-  }
-  auto range = selectionRange;
-  if (request.contains("range")) {
-    if (request["range"].is_null())
-      range.reset();
-    else
-      range = readRange(request["range"], "range");
-  }
+  auto given = [&](const char* key) { return request.empty() || request.contains(key); };
+  auto null = [&](const char* key) { return request.empty() || request[key].is_null(); };
+  // Everything is checked before anything changes.
+  json clips = !given("clips") ? selectedClips : null("clips") ? json::array() : clipsNamed(document_, request["clips"]);
+  auto track = !given("track") ? selectedTrack
+               : null("track") ? std::nullopt
+                               : std::optional<int>(trackNamed(document_, request["track"]));
+  auto range = !given("range") ? selectionRange
+               : null("range") ? std::nullopt
+                               : std::optional(readRange(request["range"], "range"));
   if (request.contains("fit") && !request["fit"].is_boolean()) throw SimError("fit must be a boolean");
   selectedClips = clips;
   selectedTrack = track;
   selectionRange = range;
-  if (request.value("fit", false)) {
-    double start = kMaxTime, end = 0;
-    if (range) start = range->first, end = range->second;
-    for (const json& t : document_["tracks"])
-      for (const json& clip : t["clips"])
-        if (std::find(clips.begin(), clips.end(), clip["id"]) != clips.end())
-          start = std::min(start, clip["offset"].get<double>()), end = std::max(end, clipEnd(clip));
-    if (end - start >= 1e-3)
-      zoomStart = start, zoomEnd = end;
-    else
-      zoomStart = zoomEnd = 0;
-  }
+  if (request.value("fit", false)) std::tie(zoomStart, zoomEnd) = fitted(document_, clips, range);
 }
 
 std::string Session::resolvedPath(const std::string& path) const {
