@@ -4,6 +4,15 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <optional>
 #include <thread>
 
 #include "process.hpp"
@@ -36,6 +45,131 @@ class RunningSim {
   std::thread thread_;
 };
 
+// The local port of a socket, and of its peer; 0 where it has none.
+std::pair<int, int> ports(int fd) {
+  sockaddr_in local{}, peer{};
+  socklen_t size = sizeof local;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0 || local.sin_family != AF_INET) return {0, 0};
+  size = sizeof peer;
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return {ntohs(local.sin_port), 0};
+  return {ntohs(local.sin_port), ntohs(peer.sin_port)};
+}
+
+// The simulator's end of the one connection this process holds open to it.
+std::optional<int> acceptedSocket(int port) {
+  for (int fd = 3; fd < 1024; ++fd)
+    if (auto [local, peer] = ports(fd); local == port && peer != 0) return fd;
+  return std::nullopt;
+}
+
+// Calls on a kept-alive connection go out at once and stay on that one connection.
+TEST(Http, KeepsAConnectionForManyCallsWithoutDelayingAnswers) {
+  RunningSim sim;
+  auto client = sim.client();
+  client.set_keep_alive(true);
+  ASSERT_TRUE(client.Get("/v1/state"));
+  auto first = acceptedSocket(sim.port());
+  ASSERT_TRUE(first);
+  int nodelay = 0;
+  socklen_t size = sizeof nodelay;
+  ASSERT_EQ(getsockopt(*first, IPPROTO_TCP, TCP_NODELAY, &nodelay, &size), 0);
+  EXPECT_NE(nodelay, 0);
+  int clientPort = ports(*first).second;
+  for (int call = 0; call < 20; ++call) ASSERT_TRUE(client.Get("/v1/state"));
+  auto last = acceptedSocket(sim.port());
+  ASSERT_TRUE(last);
+  EXPECT_EQ(ports(*last).second, clientPort);  // the same connection: never closed after five calls
+}
+
+struct Exited {
+  int status = -1;  // -1 when still running after the wait (it is then killed)
+  std::string err;
+};
+
+// Runs the built tondrel-editor-sim with arguments; waits at most `seconds` for it to exit.
+class SimProcess {
+ public:
+  SimProcess(std::vector<std::string> arguments, std::string errors) : errors_(std::move(errors)) {
+    arguments.insert(arguments.begin(), TONDREL_SIM_BINARY);
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, errors_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn(&pid_, TONDREL_SIM_BINARY, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+  }
+  ~SimProcess() { wait(0); }
+  Exited wait(int seconds) {
+    Exited out;
+    for (int tick = 0; pid_ > 0 && tick <= seconds * 100; ++tick) {
+      if (int status; waitpid(pid_, &status, WNOHANG) == pid_) {
+        out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        pid_ = 0;
+      } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    }
+    if (pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0), pid_ = 0;
+    std::ifstream in(errors_);
+    out.err.assign(std::istreambuf_iterator<char>(in), {});
+    return out;
+  }
+
+ private:
+  pid_t pid_ = 0;
+  std::string errors_;
+};
+
+int freePort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  int port = ports(fd).first;
+  close(fd);
+  return port;
+}
+
+// The built simulator: --open and --seed give a replayable start, and a second one on a busy
+// port refuses to start instead of sharing the port.
+TEST(Http, TheSimulatorStartsFromAProjectWithSeededIdsAndNeverSharesItsPort) {
+  Scratch scratch;
+  std::string project = scratch.file("song.tondrel");
+  std::ofstream(project) << R"({"tracks":[{"name":"Keys","kind":"midi"}]})";
+  seedIds(7);
+  Session expected(0);
+  expected.load(normalizedDocument(json::parse(R"({"tracks":[{"name":"Keys","kind":"midi"}]})")), project);
+  json expectedIds = edit(expected, {{{"op", "marker.add"}, {"time", 1}}})["created"];
+
+  int port = freePort();
+  SimProcess first({"--port", std::to_string(port), "--seed", "7", "--open", project}, scratch.file("first.err"));
+  httplib::Client client("127.0.0.1", port);
+  std::string state;
+  for (int attempt = 0; attempt < 500 && state.empty(); ++attempt) {  // up to 5 s to start listening
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (auto answer = client.Get("/v1/state")) state = answer->body;
+  }
+  ASSERT_FALSE(state.empty()) << first.wait(0).err;
+  EXPECT_EQ(json::parse(state)["file"], project);
+  json document = json::parse(client.Get("/v1/document")->body);
+  EXPECT_EQ(document["tracks"][0]["id"], expected.document()["tracks"][0]["id"]);
+  auto marker = client.Post("/v1/edit", R"({"ops":[{"op":"marker.add","time":1}]})", "application/json");
+  ASSERT_TRUE(marker);
+  EXPECT_EQ(json::parse(marker->body)["created"], expectedIds);
+
+  Exited second = SimProcess({"--port", std::to_string(port)}, scratch.file("second.err")).wait(10);
+  EXPECT_EQ(second.status, 1);
+  EXPECT_EQ(second.err, "tondrel-editor-sim: port " + std::to_string(port) +
+                            " is already in use (another simulator or the editor?)\n");
+  Exited missing = SimProcess({"--port", std::to_string(port), "--open", scratch.file("none.tondrel")},
+                              scratch.file("missing.err")).wait(10);
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("cannot open " + scratch.file("none.tondrel")), std::string::npos) << missing.err;
+}
+
 TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
   RunningSim sim;
   auto client = sim.client();
@@ -63,6 +197,9 @@ TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
       {"POST", "/v1/open", R"({"path":"/nonexistent.wav"})", 400, "no audio file at /nonexistent.wav"},
       {"POST", "/v1/open", R"({"path":"/etc/hostname"})", 400, "cannot read /etc/hostname as audio"},
       {"POST", "/v1/import", R"({"path":5})", 400, "path must be a non-empty string"},
+      {"POST", "/v1/import", R"({"path":"/no/a.wav"})", 400, "cannot import a.wav: no audio file at /no/a.wav"},
+      {"POST", "/v1/import", R"({"path":"/no/a.wav","at":"soon"})", 400, "at must be a number of seconds"},
+      {"POST", "/v1/import", R"({"path":"/no/a.wav","track":-1})", 400, "track must be a 0-based track index"},
       {"POST", "/v1/export", R"({"path":"/tmp/x.wav"})", 400, "the project is empty"},
       {"POST", "/v1/transport", R"({"action":"fly"})", 400, "unknown action 'fly'"},
       {"POST", "/v1/transport", R"({"action":"seek"})", 400, "seek needs time"},
@@ -187,6 +324,12 @@ TEST(Http, TondrelMcpDrivesTheSimulatorThroughASession) {
   EXPECT_EQ(bad["isError"], true);
   EXPECT_NE(bad["content"][0]["text"].get<std::string>().find(R"(ops[0] (clip.gain): missing field \"db\")"),
             std::string::npos);
+  json misplaced = call("tondrel_import", {{"path", scratch.file("tone.wav")}, {"track", 7}});
+  EXPECT_EQ(misplaced["isError"], true);
+  EXPECT_NE(misplaced["content"][0]["text"].get<std::string>().find(
+                "cannot import tone.wav: no track 7: the project has 1 tracks"),
+            std::string::npos)
+      << misplaced;
   json gaps = text(call("tondrel_silences", {{"path", scratch.file("tone.wav")}, {"minDuration", 0.2}}));
   EXPECT_EQ(gaps["silences"].size(), 2u);
   json exported =
