@@ -81,45 +81,28 @@ TEST(Http, KeepsAConnectionForManyCallsWithoutDelayingAnswers) {
   EXPECT_EQ(ports(*last).second, clientPort);  // the same connection: never closed after five calls
 }
 
-struct Exited {
-  int status = -1;  // -1 when still running after the wait (it is then killed)
-  std::string err;
-};
-
-// Runs the built tondrel-editor-sim with arguments; waits at most `seconds` for it to exit.
-class SimProcess {
- public:
-  SimProcess(std::vector<std::string> arguments, std::string errors) : errors_(std::move(errors)) {
+// The built tondrel-editor-sim with its standard error in a file; killed when destroyed.
+struct SimProcess {
+  pid_t pid = 0;
+  SimProcess(std::vector<std::string> arguments, const std::string& errors) {
     arguments.insert(arguments.begin(), TONDREL_SIM_BINARY);
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, errors_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn(&pid_, TONDREL_SIM_BINARY, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_addopen(&actions, 2, errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn(&pid, TONDREL_SIM_BINARY, &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
   }
-  ~SimProcess() { wait(0); }
-  Exited wait(int seconds) {
-    Exited out;
-    for (int tick = 0; pid_ > 0 && tick <= seconds * 100; ++tick) {
-      if (int status; waitpid(pid_, &status, WNOHANG) == pid_) {
-        out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        pid_ = 0;
-      } else {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      }
-    }
-    if (pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0), pid_ = 0;
-    std::ifstream in(errors_);
-    out.err.assign(std::istreambuf_iterator<char>(in), {});
-    return out;
+  ~SimProcess() {
+    if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
   }
-
- private:
-  pid_t pid_ = 0;
-  std::string errors_;
+  int wait(int seconds) {  // the exit status once it has exited within seconds, else -1
+    for (int tick = 0; tick < seconds * 100; ++tick, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+      if (int status; waitpid(pid, &status, WNOHANG) == pid) return pid = 0, WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return -1;
+  }
 };
 
 int freePort() {
@@ -133,99 +116,99 @@ int freePort() {
   return port;
 }
 
-// The built simulator: --open and --seed give a replayable start, and a second one on a busy
-// port refuses to start instead of sharing the port.
-TEST(Http, TheSimulatorStartsFromAProjectWithSeededIdsAndNeverSharesItsPort) {
+// The built simulator through a session: --open and --seed give a replayable start, the state
+// follows transport, selection and history, and a second simulator never shares the port.
+TEST(Http, TheBuiltSimulatorServesASessionAndNeverSharesItsPort) {
   Scratch scratch;
-  std::string project = scratch.file("song.tondrel");
-  std::ofstream(project) << R"({"tracks":[{"name":"Keys","kind":"midi"}]})";
-  seedIds(7);
-  Session expected(0);
-  expected.load(normalizedDocument(json::parse(R"({"tracks":[{"name":"Keys","kind":"midi"}]})")), project);
-  json expectedIds = edit(expected, {{{"op", "marker.add"}, {"time", 1}}})["created"];
+  std::string tone = scratch.file("tone.wav"), project = scratch.file("song.tondrel");
+  writeTestTone(tone);
+  json opened = {{"tracks", {{{"name", "Tone"}, {"clips", {{{"id", "C"}, {"path", tone}, {"offset", 1}, {"duration", 4}}}}}}}};
+  std::ofstream(project) << opened;
+  seedIds(7);  // the ids the built simulator must give: the opened track's, then a new marker's
+  json track = normalizedDocument(opened)["tracks"][0]["id"], marker = {newUuid()};
 
   int port = freePort();
   SimProcess first({"--port", std::to_string(port), "--seed", "7", "--open", project}, scratch.file("first.err"));
   httplib::Client client("127.0.0.1", port);
-  std::string state;
-  for (int attempt = 0; attempt < 500 && state.empty(); ++attempt) {  // up to 5 s to start listening
+  auto state = [&] {
+    auto answer = client.Get("/v1/state");
+    return answer ? json::parse(answer->body) : json();
+  };
+  for (int attempt = 0; attempt < 500 && state().is_null(); ++attempt)  // up to 5 s to start listening
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (auto answer = client.Get("/v1/state")) state = answer->body;
-  }
-  ASSERT_FALSE(state.empty()) << first.wait(0).err;
-  EXPECT_EQ(json::parse(state)["file"], project);
-  json document = json::parse(client.Get("/v1/document")->body);
-  EXPECT_EQ(document["tracks"][0]["id"], expected.document()["tracks"][0]["id"]);
-  auto marker = client.Post("/v1/edit", R"({"ops":[{"op":"marker.add","time":1}]})", "application/json");
-  ASSERT_TRUE(marker);
-  EXPECT_EQ(json::parse(marker->body)["created"], expectedIds);
+  ASSERT_EQ(state()["file"], project);
+  auto post = [&](const char* path, const json& body) {
+    auto result = client.Post(path, body.dump(), "application/json");
+    EXPECT_TRUE(result && result->status == 200) << path << " " << (result ? result->body : "no answer");
+    return result ? json::parse(result->body) : json();
+  };
+  EXPECT_EQ(json::parse(client.Get("/v1/document")->body)["tracks"][0]["id"], track);
+  EXPECT_EQ(post("/v1/edit", {{"ops", {{{"op", "marker.add"}, {"time", 1}}}}})["created"], marker);
 
-  Exited second = SimProcess({"--port", std::to_string(port)}, scratch.file("second.err")).wait(10);
-  EXPECT_EQ(second.status, 1);
-  EXPECT_EQ(second.err, "tondrel-editor-sim: port " + std::to_string(port) +
-                            " is already in use (another simulator or the editor?)\n");
-  Exited missing = SimProcess({"--port", std::to_string(port), "--open", scratch.file("none.tondrel")},
-                              scratch.file("missing.err")).wait(10);
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(missing.err.find("cannot open " + scratch.file("none.tondrel")), std::string::npos) << missing.err;
+  post("/v1/select", {{"clips", {"C"}}, {"track", 0}, {"range", {1, 2}}});
+  post("/v1/transport", {{"action", "loop"}, {"range", {0, 4}}});
+  post("/v1/transport", {{"action", "seek"}, {"time", 1.25}});
+  json now = state();
+  EXPECT_EQ(now.size(), 17u);
+  for (auto [key, value] : {std::pair<const char*, json>{"selectedClips", {"C"}}, {"selectedTrack", 0},
+                            {"selectionRange", {1.0, 2.0}}, {"loopRange", {0.0, 4.0}}, {"time", 1.25},
+                            {"peakLeft", 0.0}, {"duration", 5.0}, {"playing", false}, {"undoLabel", "marker.add"},
+                            {"apiPort", port}})
+    EXPECT_EQ(now[key], value) << key;
+  post("/v1/transport", {{"action", "play"}});
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  now = state();
+  EXPECT_EQ(now["playing"], true);
+  EXPECT_GT(now["time"].get<double>(), 1.25);
+  EXPECT_NEAR(now["peakLeft"].get<double>(), 0.5, 0.01);  // the tone under the playhead
+  post("/v1/save", {{"path", scratch.file("copy.tondrel")}});
+  EXPECT_EQ(state()["dirty"], false);
+  post("/v1/edit", {{"ops", {{{"op", "master.gain"}, {"db", -2}}}}});
+  EXPECT_EQ(state()["dirty"], true);
+  post("/v1/open", {{"path", scratch.file("copy.tondrel")}});
+  EXPECT_EQ(json::parse(client.Get("/v1/document")->body)["masterGainDB"], 0.0);  // as saved, before the edit
+  EXPECT_EQ(state()["undoLabel"], nullptr);
+
+  EXPECT_EQ(SimProcess({"--port", std::to_string(port)}, scratch.file("second.err")).wait(10), 1);
+  std::ifstream errors(scratch.file("second.err"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(errors), {}),
+            "tondrel-editor-sim: port " + std::to_string(port) + " is already in use (another simulator or the editor?)\n");
 }
 
 TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
   RunningSim sim;
   auto client = sim.client();
-  struct Case {
-    const char* method;
-    const char* path;
-    const char* body;
-    int status;
-    const char* error;  // a piece of the message
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, const char*, int, const char*> cases[] = {  // ... and a piece of the error
       {"POST", "/v1/edit", "not json", 400, "not valid JSON"},
-      {"POST", "/v1/edit", "[1,2]", 400, "must be a JSON object"},
-      {"POST", "/v1/edit", R"({"ops":{}})", 400, "ops must be an array"},
       {"POST", "/v1/edit", R"({"ops":[{"op":"clip.gain","clip":"X","db":"loud"}]})", 400,
        R"(field \"db\" must be a number)"},
       {"POST", "/v1/edit", R"({"ops":[{"op":"track.add","name":"\u0000\ud800"}]})", 400, "not valid JSON"},
-      {"POST", "/v1/edit", R"({"ops":[{"op":"marker.add","time":1e308}]})", 400,
-       "time must lie between 0 and 86400"},
       {"PUT", "/v1/document", R"({"tracks":[{"clips":[{"offset":"x"}]}]})", 400,
        "document.tracks[0].clips[0].offset must be a number"},
-      {"PUT", "/v1/document", R"({"tracks":{}})", 400, "document.tracks must be an array"},
       {"PUT", "/v1/document?save=1", R"({})", 400, "needs a project file"},
       {"POST", "/v1/open", R"({"path":"relative.tondrel"})", 400, "absolute path"},
-      {"POST", "/v1/open", R"({"path":"/nonexistent.wav"})", 400, "no audio file at /nonexistent.wav"},
       {"POST", "/v1/open", R"({"path":"/etc/hostname"})", 400, "cannot read /etc/hostname as audio"},
       {"POST", "/v1/import", R"({"path":5})", 400, "path must be a non-empty string"},
       {"POST", "/v1/import", R"({"path":"/no/a.wav"})", 400, "cannot import a.wav: no audio file at /no/a.wav"},
       {"POST", "/v1/import", R"({"path":"/no/a.wav","at":"soon"})", 400, "at must be a number of seconds"},
       {"POST", "/v1/import", R"({"path":"/no/a.wav","track":-1})", 400, "track must be a 0-based track index"},
-      {"POST", "/v1/export", R"({"path":"/tmp/x.wav"})", 400, "the project is empty"},
       {"POST", "/v1/transport", R"({"action":"fly"})", 400, "unknown action 'fly'"},
-      {"POST", "/v1/transport", R"({"action":"seek"})", 400, "seek needs time"},
-      {"POST", "/v1/transport", R"({"action":"loop","range":[2,1]})", 400, "range must end after it starts"},
       {"POST", "/v1/select", R"({"clips":["nope"]})", 400, "no clip with id"},
       {"POST", "/v1/select", R"({"track":4})", 400, "track must be a track index"},
       {"POST", "/v1/undo", "", 400, "nothing to undo"},
-      {"POST", "/v1/redo", "", 400, "nothing to redo"},
       {"POST", "/v1/save", "{}", 400, "no file yet"},
-      {"GET", "/v1/waveform", "", 400, "path is required"},
       {"GET", "/v1/waveform?path=/x.wav&bins=lots", "", 400, "bins must be a number"},
       {"GET", "/v1/silences?path=/x.wav&thresholdDB=1e999", "", 400, "thresholdDB must be a number"},
       {"GET", "/v1/nothing", "", 404, "no such endpoint: GET /v1/nothing"},
-      {"DELETE", "/v1/document", "", 404, "no such endpoint"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [method, path, body, status, error] : cases) {
     httplib::Request request;
-    request.method = c.method;
-    request.path = c.path;
-    request.body = c.body;
-    if (std::string(c.method) != "GET") request.set_header("Content-Type", "application/json");
+    request.method = method, request.path = path, request.body = body;
+    request.set_header("Content-Type", "application/json");
     auto result = client.send(request);
-    ASSERT_TRUE(result) << c.method << " " << c.path << ": no answer";
-    EXPECT_EQ(result->status, c.status) << c.method << " " << c.path << " " << c.body;
-    EXPECT_NE(result->body.find(c.error), std::string::npos)
-        << c.path << " " << c.body << "\n  got: " << result->body;
+    ASSERT_TRUE(result) << method << " " << path << ": no answer";
+    EXPECT_EQ(result->status, status) << method << " " << path << " " << body;
+    EXPECT_NE(result->body.find(error), std::string::npos) << path << " " << body << "\n  got: " << result->body;
     EXPECT_TRUE(json::accept(result->body)) << result->body;
   }
   // Deep enough to overflow the stack of any recursive copy, if it were parsed.
@@ -239,113 +222,41 @@ TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
   EXPECT_EQ(json::parse(state->body)["changeCount"], 0);  // nothing above changed anything
 }
 
-TEST(Http, StateFollowsTransportSelectionAndHistory) {
-  Scratch scratch;
-  RunningSim sim;
-  auto client = sim.client();
-  auto post = [&](const char* path, const json& body) {
-    auto result = client.Post(path, body.dump(), "application/json");
-    EXPECT_TRUE(result && result->status == 200) << path << " " << (result ? result->body : "no answer");
-    return result ? json::parse(result->body) : json();
-  };
-  auto state = [&] { return json::parse(client.Get("/v1/state")->body); };
-  writeTestTone(scratch.file("tone.wav"));
-  std::string clip = post("/v1/import", {{"path", scratch.file("tone.wav")}, {"at", 1}})["clip"];
-  post("/v1/select", {{"clips", {clip}}, {"track", 0}, {"range", {1, 2}}});
-  post("/v1/transport", {{"action", "loop"}, {"range", {0, 4}}});
-  post("/v1/transport", {{"action", "seek"}, {"time", 1.25}});
-  json now = state();
-  for (const char* key : {"file", "dirty", "changeCount", "playing", "time", "duration", "loopRange",
-                          "selectionRange", "selectedClips", "selectedTrack", "peakLeft", "peakRight",
-                          "oscInPort", "apiPort", "undoLabel", "redoLabel", "version"})
-    EXPECT_TRUE(now.contains(key)) << key;
-  EXPECT_EQ(now["selectedClips"], json::array({clip}));
-  EXPECT_EQ(now["selectedTrack"], 0);
-  EXPECT_EQ(now["selectionRange"], json::array({1.0, 2.0}));
-  EXPECT_EQ(now["loopRange"], json::array({0.0, 4.0}));
-  EXPECT_EQ(now["time"], 1.25);
-  EXPECT_EQ(now["peakLeft"], 0.0);
-  EXPECT_EQ(now["duration"], 5.0);
-  EXPECT_EQ(now["playing"], false);
-  EXPECT_EQ(now["undoLabel"], "Import tone.wav");
-  EXPECT_EQ(now["apiPort"], 0);
-  post("/v1/transport", {{"action", "play"}});
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  now = state();
-  EXPECT_EQ(now["playing"], true);
-  EXPECT_GT(now["time"].get<double>(), 1.25);
-  EXPECT_NEAR(now["peakLeft"].get<double>(), 0.5, 0.01);  // the tone under the playhead
-  EXPECT_NEAR(now["peakRight"].get<double>(), 0.5, 0.01);
-  post("/v1/transport", {{"action", "stop"}});
-  EXPECT_EQ(state()["time"], 0.0);
-
-  std::string project = scratch.file("song.tondrel");
-  post("/v1/save", {{"path", project}});
-  EXPECT_EQ(state()["dirty"], false);
-  EXPECT_EQ(state()["file"], project);
-  post("/v1/edit", {{"ops", {{{"op", "master.gain"}, {"db", -2}}}}});
-  EXPECT_EQ(state()["dirty"], true);
-  post("/v1/open", {{"path", project}});
-  json document = json::parse(client.Get("/v1/document")->body);
-  EXPECT_EQ(document["masterGainDB"], 0.0);  // as saved, before the edit
-  EXPECT_EQ(document["tracks"][0]["clips"][0]["id"], clip);
-  EXPECT_EQ(state()["undoLabel"], nullptr);
-}
-
 // tondrel-mcp on real pipes against the simulator: a short session as an agent runs it.
 TEST(Http, TondrelMcpDrivesTheSimulatorThroughASession) {
   Scratch scratch;
-  writeTestTone(scratch.file("tone.wav"));
+  std::map<char, std::string> ids = {{'$', scratch.file("tone.wav")}, {'%', scratch.file("out.flac")}};
+  writeTestTone(ids['$']);
   RunningSim sim;
   tondrel::test::ServerProcess server({"TONDREL_API_PORT=" + std::to_string(sim.port())});
+  const std::tuple<const char*, const char*, bool, const char*> calls[] = {  // '@': the imported clip
+      {"tondrel_import", R"({"path":"$"})", false, R"("clip":")"},
+      {"tondrel_edit",
+       R"({"label":"Tidy","ops":[{"op":"clip.split","clip":"@","at":2},{"op":"marker.add","name":"Gap","time":1.5}]})",
+       false, R"("label":"Tidy")"},
+      {"tondrel_edit", R"({"ops":[{"op":"clip.gain","clip":"@"}]})", true, R"(ops[0] (clip.gain): missing field \"db\")"},
+      {"tondrel_import", R"({"path":"$","track":7})", true, "cannot import tone.wav: no track 7: the project has 1 tracks"},
+      {"tondrel_export", R"({"path":"%","normalization":"peak"})", false, R"("format":"flac")"},
+      {"tondrel_undo", "{}", false, R"("undone":"Tidy")"},
+      {"tondrel_document", "{}", false, R"("markers":[])"},
+  };
   int id = 0;
   auto call = [&](const char* tool, const json& arguments) {
-    json request = {{"jsonrpc", "2.0"},
-                    {"id", ++id},
-                    {"method", "tools/call"},
-                    {"params", {{"name", tool}, {"arguments", arguments}}}};
-    server.send(request.dump() + "\n");
-    json answer = json::parse(server.readLine());
-    EXPECT_EQ(answer["id"], id);
-    return answer["result"];
+    server.send(json({{"jsonrpc", "2.0"}, {"id", ++id}, {"method", "tools/call"},
+                      {"params", {{"name", tool}, {"arguments", arguments}}}}).dump() + "\n");
+    return json::parse(server.readLine())["result"];
   };
-  auto text = [](const json& result) { return json::parse(result["content"][0]["text"].get<std::string>()); };
-
-  json imported = text(call("tondrel_import", {{"path", scratch.file("tone.wav")}}));
-  std::string clip = imported["clip"];
-  json edited = call("tondrel_edit", {{"label", "Tidy"},
-                                      {"ops",
-                                       {{{"op", "clip.split"}, {"clip", clip}, {"at", 2}},
-                                        {{"op", "clip.fades"}, {"clip", clip}, {"fadeIn", 0.1}},
-                                        {{"op", "marker.add"}, {"name", "Gap"}, {"time", 1.5}}}}});
-  EXPECT_EQ(edited["isError"], false);
-  EXPECT_EQ(text(call("tondrel_state", json::object()))["undoLabel"], "Tidy");
-  json bad = call("tondrel_edit", {{"ops", {{{"op", "clip.gain"}, {"clip", clip}}}}});
-  EXPECT_EQ(bad["isError"], true);
-  EXPECT_NE(bad["content"][0]["text"].get<std::string>().find(R"(ops[0] (clip.gain): missing field \"db\")"),
-            std::string::npos);
-  json misplaced = call("tondrel_import", {{"path", scratch.file("tone.wav")}, {"track", 7}});
-  EXPECT_EQ(misplaced["isError"], true);
-  EXPECT_NE(misplaced["content"][0]["text"].get<std::string>().find(
-                "cannot import tone.wav: no track 7: the project has 1 tracks"),
-            std::string::npos)
-      << misplaced;
-  json gaps = text(call("tondrel_silences", {{"path", scratch.file("tone.wav")}, {"minDuration", 0.2}}));
-  EXPECT_EQ(gaps["silences"].size(), 2u);
-  json exported =
-      text(call("tondrel_export", {{"path", scratch.file("out.flac")}, {"normalization", "peak"}}));
-  EXPECT_EQ(exported["format"], "flac");
-  EXPECT_TRUE(std::filesystem::exists(scratch.file("out.flac")));
-  json picture = call("tondrel_snapshot", json::object());
-  EXPECT_EQ(picture["content"][0]["type"], "image");
-  EXPECT_EQ(picture["content"][0]["mimeType"], "image/png");
-  EXPECT_TRUE(
-      picture["content"][0]["data"].get<std::string>().starts_with("iVBORw0KGgo"));  // the PNG signature
-  EXPECT_EQ(text(call("tondrel_undo", json::object()))["undone"], "Tidy");
-  EXPECT_EQ(text(call("tondrel_document", json::object()))["tracks"][0]["clips"].size(), 1u);
-  EXPECT_NE(
-      text(call("tondrel_help", json::object()))["editOperations"].get<std::string>().find("master.gain"),
-      std::string::npos);
+  for (const auto& [tool, arguments, isError, expected] : calls) {
+    json result = call(tool, withIds(arguments, ids));
+    std::string text = result["content"][0]["text"];
+    EXPECT_EQ(result["isError"], isError) << tool << " " << arguments << "\n  got: " << text;
+    EXPECT_NE(text.find(expected), std::string::npos) << tool << " " << arguments << "\n  got: " << text;
+    if (ids.count('@') == 0) ids['@'] = json::parse(text)["clip"];
+  }
+  json picture = call("tondrel_snapshot", json::object())["content"][0];
+  EXPECT_EQ(picture["mimeType"], "image/png");
+  EXPECT_TRUE(picture["data"].get<std::string>().starts_with("iVBORw0KGgo"));  // the PNG signature
+  EXPECT_TRUE(std::filesystem::exists(ids['%']));
   server.closeInput();
   EXPECT_EQ(server.wait(5), 0);
 }
