@@ -14,8 +14,8 @@ using OperationTable = std::map<std::string_view, void (*)(Editor&, const json&)
 const OperationTable& operationTable() {
   static const OperationTable table = [] {
     OperationTable map;
-    for (auto family : {trackOperations(), noteOperations(), clipOperations(), rangeOperations(),
-                        projectOperations()})
+    for (auto family :
+         {trackOperations(), noteOperations(), clipOperations(), rangeOperations(), projectOperations()})
       for (const Operation& operation : family) map.emplace(operation.name, operation.apply);
     return map;
   }();
@@ -36,7 +36,8 @@ void checkBounds(Editor& e) {
 
 }  // namespace
 
-json applyOperations(Session& session, const json& ops, const std::string& label, const std::string& context) {
+json applyOperations(Session& session, const json& ops, const std::string& label,
+                     const std::string& context) {
   Editor editor{session, session.document(), session.clipboard, session.clipboardLength, json::array(), ""};
   for (std::size_t i = 0; i < ops.size(); ++i) {
     std::string name = ops[i]["op"];

@@ -70,8 +70,9 @@ void slip(Editor& e, const json& op) {
   json& clip = e.clip(op["clip"]);
   double by = e.number(op, "by", 0, -kMaxTime, kMaxTime);
   double room = clip["sourceDuration"].get<double>() - clip["duration"].get<double>();
-  clip["sourceStart"] = std::clamp(clip["sourceStart"].get<double>() + (clip["reversed"].get<bool>() ? -by : by),
-                                   0.0, std::max(0.0, room));
+  clip["sourceStart"] =
+      std::clamp(clip["sourceStart"].get<double>() + (clip["reversed"].get<bool>() ? -by : by), 0.0,
+                 std::max(0.0, room));
 }
 
 void split(Editor& e, const json& op) {
@@ -173,10 +174,18 @@ void crossfade(Editor& e, const json& op) {
 }
 
 constexpr Operation kOperations[] = {
-    {"clip.add", add},         {"clip.trim", trim},           {"clip.move", move},
-    {"clip.slip", slip},       {"clip.split", split},         {"clip.remove", remove},
-    {"clip.duplicate", duplicate}, {"clip.fades", fades},     {"clip.gain", gain},
-    {"clip.normalize", normalize}, {"clip.reverse", reverse}, {"clip.mute", mute},
+    {"clip.add", add},
+    {"clip.trim", trim},
+    {"clip.move", move},
+    {"clip.slip", slip},
+    {"clip.split", split},
+    {"clip.remove", remove},
+    {"clip.duplicate", duplicate},
+    {"clip.fades", fades},
+    {"clip.gain", gain},
+    {"clip.normalize", normalize},
+    {"clip.reverse", reverse},
+    {"clip.mute", mute},
     {"clip.crossfade", crossfade},
 };
 

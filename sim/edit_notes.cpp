@@ -80,7 +80,8 @@ void remove(Editor& e, const json& op) {
 
 void quantize(Editor& e, const json& op) {
   double grid = e.number(op, "subdivisionBeats", 0.25, 1.0 / 64, 64) * e.beat();
-  for (json* note : namedNotes(e, op)) (*note)["start"] = std::round((*note)["start"].get<double>() / grid) * grid;
+  for (json* note : namedNotes(e, op))
+    (*note)["start"] = std::round((*note)["start"].get<double>() / grid) * grid;
 }
 
 void transpose(Editor& e, const json& op) {
@@ -94,8 +95,8 @@ void transpose(Editor& e, const json& op) {
 }
 
 constexpr Operation kOperations[] = {
-    {"note.add", add},           {"note.move", move},     {"note.trim", trim},
-    {"note.velocity", velocity}, {"note.pitch", pitch},   {"note.remove", remove},
+    {"note.add", add},           {"note.move", move},           {"note.trim", trim},
+    {"note.velocity", velocity}, {"note.pitch", pitch},         {"note.remove", remove},
     {"note.quantize", quantize}, {"note.transpose", transpose},
 };
 

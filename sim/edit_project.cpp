@@ -32,7 +32,8 @@ void markerRemove(Editor& e, const json& op) {
       markers.erase(markers.begin() + long(i));
       return;
     }
-  e.fail("no marker " + reference.dump() + ": the project has " + std::to_string(markers.size()) + " markers");
+  e.fail("no marker " + reference.dump() + ": the project has " + std::to_string(markers.size()) +
+         " markers");
 }
 
 void masterGain(Editor& e, const json& op) {

@@ -65,7 +65,8 @@ void paste(Editor& e, const json& op) {
       e.fail("the clipboard needs track " + std::to_string(target) + ", which does not exist");
     json& track = e.tracks()[target];
     if (track["kind"] != entry["kind"])
-      e.fail("cannot paste " + entry["kind"].get<std::string>() + " material onto track " + std::to_string(target));
+      e.fail("cannot paste " + entry["kind"].get<std::string>() + " material onto track " +
+             std::to_string(target));
     if (op.value("ripple", false)) {
       for (std::size_t c = 0; c < track["clips"].size(); ++c)
         if (!e.splitClip(track, c, at).is_null()) ++c;

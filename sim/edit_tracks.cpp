@@ -10,7 +10,8 @@ namespace tondrel::sim {
 namespace {
 
 json namedTrack(Editor& e, const std::string& kind, const std::string& name) {
-  return newTrack({{"kind", kind}, {"name", name.empty() ? "Track " + std::to_string(e.tracks().size() + 1) : name}});
+  return newTrack(
+      {{"kind", kind}, {"name", name.empty() ? "Track " + std::to_string(e.tracks().size() + 1) : name}});
 }
 
 void add(Editor& e, const json& op) {

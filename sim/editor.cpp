@@ -1,8 +1,9 @@
 // The Editor's lookups, checked readers and the timeline arithmetic the operations share.
+#include "editor.hpp"
+
 #include <algorithm>
 #include <cmath>
 
-#include "editor.hpp"
 #include "fades.hpp"
 
 namespace tondrel::sim {
@@ -54,7 +55,8 @@ double Editor::time(const json& op, const char* key, double fallback) {
 std::string Editor::shape(const json& op, const char* key, const std::string& fallback) {
   if (!op.contains(key) || op[key].is_null()) return fallback;
   std::string value = op[key];
-  if (!findFadeShape(value)) fail(std::string(key) + " must be " + fadeShapeNames() + ", got \"" + value + "\"");
+  if (!findFadeShape(value))
+    fail(std::string(key) + " must be " + fadeShapeNames() + ", got \"" + value + "\"");
   return value;
 }
 
@@ -140,12 +142,13 @@ std::optional<std::size_t> Editor::trackOfKind(const json& op, const char* kind)
   if (op.contains("track")) {
     std::size_t index = trackIndex(op["track"]);
     if (tracks()[index]["kind"] != kind)
-      fail("track " + std::to_string(index) + " is not " + (kind == std::string_view("midi") ? "a MIDI" : "an audio") +
-           " track");
+      fail("track " + std::to_string(index) + " is not " +
+           (kind == std::string_view("midi") ? "a MIDI" : "an audio") + " track");
     return index;
   }
   auto selected = session.selectedTrack;
-  if (selected && std::size_t(*selected) < tracks().size() && tracks()[std::size_t(*selected)]["kind"] == kind)
+  if (selected && std::size_t(*selected) < tracks().size() &&
+      tracks()[std::size_t(*selected)]["kind"] == kind)
     return std::size_t(*selected);
   for (std::size_t i = 0; i < tracks().size(); ++i)
     if (tracks()[i]["kind"] == kind) return i;
@@ -153,8 +156,9 @@ std::optional<std::size_t> Editor::trackOfKind(const json& op, const char* kind)
 }
 
 void sortBy(json& list, const char* key) {
-  std::stable_sort(list.begin(), list.end(),
-                   [key](const json& a, const json& b) { return a[key].get<double>() < b[key].get<double>(); });
+  std::stable_sort(list.begin(), list.end(), [key](const json& a, const json& b) {
+    return a[key].get<double>() < b[key].get<double>();
+  });
 }
 
 void sortClips(json& track) {

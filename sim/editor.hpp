@@ -43,7 +43,8 @@ struct Editor {
   }
   long long integer(const json& op, const char* key, long long fallback, long long low, long long high);
   long long integer(const json& op, const char* key, long long fallback, Limits limits) {
-    return integer(op, key, fallback, static_cast<long long>(limits.low), static_cast<long long>(limits.high));
+    return integer(op, key, fallback, static_cast<long long>(limits.low),
+                   static_cast<long long>(limits.high));
   }
   std::string shape(const json& op, const char* key, const std::string& fallback);  // a fade shape's name
   std::pair<double, double> range(const json& op);

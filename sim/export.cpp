@@ -25,9 +25,9 @@ struct Format {
   int container;
 };
 const Format kFormats[] = {
-    {"wav", {".wav"}, SF_FORMAT_WAV},        {"aiff", {".aif", ".aiff"}, SF_FORMAT_AIFF},
-    {"caf", {".caf"}, SF_FORMAT_CAF},        {"flac", {".flac"}, SF_FORMAT_FLAC},
-    {"alac", {}, SF_FORMAT_CAF},             {"mp3", {".mp3"}, SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III},
+    {"wav", {".wav"}, SF_FORMAT_WAV}, {"aiff", {".aif", ".aiff"}, SF_FORMAT_AIFF},
+    {"caf", {".caf"}, SF_FORMAT_CAF}, {"flac", {".flac"}, SF_FORMAT_FLAC},
+    {"alac", {}, SF_FORMAT_CAF},      {"mp3", {".mp3"}, SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III},
 };
 
 std::string formatNames() {
@@ -45,7 +45,9 @@ Writing writingFor(const std::string& name, int bitDepth, int bitRate) {
   int pcm = bitDepth == 16 ? SF_FORMAT_PCM_16 : bitDepth == 24 ? SF_FORMAT_PCM_24 : SF_FORMAT_FLOAT;
   if (name == "flac" && bitDepth == 32) throw SimError("flac holds 16 or 24 bits, not 32");
   if (name == "alac")
-    return {SF_FORMAT_CAF | (bitDepth == 16 ? SF_FORMAT_ALAC_16 : bitDepth == 24 ? SF_FORMAT_ALAC_24 : SF_FORMAT_ALAC_32)};
+    return {SF_FORMAT_CAF | (bitDepth == 16   ? SF_FORMAT_ALAC_16
+                             : bitDepth == 24 ? SF_FORMAT_ALAC_24
+                                              : SF_FORMAT_ALAC_32)};
   if (name == "mp3") return {SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 1.0 - (bitRate - 32) / 288.0};
   for (const Format& format : kFormats)
     if (name == format.name) return {format.container | pcm};
@@ -58,7 +60,8 @@ Writing writingFor(const std::string& name, int bitDepth, int bitRate) {
 
 std::string formatFromPath(const std::filesystem::path& path) {
   std::string extension = path.extension().string();
-  std::transform(extension.begin(), extension.end(), extension.begin(), [](unsigned char c) { return std::tolower(c); });
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return std::tolower(c); });
   for (const Format& format : kFormats)
     for (const char* known : format.extensions)
       if (extension == known) return format.name;
@@ -104,7 +107,8 @@ double normalizingGain(const Mixer& mixer, const std::string& mode, int rate, in
   });
   if (peak <= 0) return 1;
   if (mode == "peak") return dbToGain(-1.0) / peak;
-  return dbToGain(-14.0) / std::sqrt(sum / double(std::max(1LL, frames)));  // lufs, approximately: see the docs
+  return dbToGain(-14.0) /
+         std::sqrt(sum / double(std::max(1LL, frames)));  // lufs, approximately: see the docs
 }
 
 json writeFile(const std::string& path, const Mixer& mixer, const Writing& writing, int rate, int channels,
@@ -182,7 +186,8 @@ Request readRequest(const json& document, const json& body) {
   r.range = {0, projectDuration(document)};
   if (body.contains("range") && !body["range"].is_null()) r.range = readRange(body["range"], "range");
   if (r.range.second <= r.range.first) throw SimError("nothing to export: the project is empty");
-  if (r.range.second - r.range.first > kMaxExport) throw SimError("the simulator exports at most two hours at a time");
+  if (r.range.second - r.range.first > kMaxExport)
+    throw SimError("the simulator exports at most two hours at a time");
   return r;
 }
 
@@ -226,15 +231,17 @@ json exportAudio(const json& document, const json& body) {
   check.channels = r.channels;
   check.format = writing.format;
   if (!sf_format_check(&check))
-    throw SimError("this machine's libsndfile cannot write " + r.format + " at " + std::to_string(r.rate) + " Hz, " +
-                   std::to_string(r.bitDepth) + " bits, " + std::to_string(r.channels) + " channels");
+    throw SimError("this machine's libsndfile cannot write " + r.format + " at " + std::to_string(r.rate) +
+                   " Hz, " + std::to_string(r.bitDepth) + " bits, " + std::to_string(r.channels) +
+                   " channels");
   std::vector<std::string> paths = destinations(document, r);
   refuseOverwritingSources(document, paths);
   auto frames = static_cast<long long>(std::llround((r.range.second - r.range.first) * r.rate));
   json files = json::array();
   for (std::size_t i = 0; i < paths.size(); ++i) {
     Mixer mixer = r.stems ? Mixer(document, r.rate, i) : Mixer(document, r.rate);
-    files.push_back(writeFile(paths[i], mixer, writing, r.rate, r.channels, r.range.first, frames, r.normalization));
+    files.push_back(
+        writeFile(paths[i], mixer, writing, r.rate, r.channels, r.range.first, frames, r.normalization));
   }
   return {{"ok", true},
           {"format", r.format},
@@ -254,7 +261,8 @@ double bounceTrack(const json& document, std::size_t track, const std::string& p
   if (end > 600) throw SimError("the simulator bounces at most ten minutes of a track");
   const int rate = kDefaultSampleRate;
   auto frames = static_cast<long long>(std::llround(end * rate));
-  writeFile(path, Mixer(document, rate, track), {SF_FORMAT_WAV | SF_FORMAT_PCM_24}, rate, 2, 0, frames, "none");
+  writeFile(path, Mixer(document, rate, track), {SF_FORMAT_WAV | SF_FORMAT_PCM_24}, rate, 2, 0, frames,
+            "none");
   return double(frames) / rate;
 }
 

@@ -33,8 +33,10 @@ inline const FadeShape* findFadeShape(std::string_view name) {
 inline std::string fadeShapeNames() {
   std::string out;
   for (std::size_t i = 0; i < std::size(kFadeShapes); ++i)
-    out += std::string(i == 0 ? "" : i + 1 == std::size(kFadeShapes) ? " or " : ", ") + "\"" +
-           std::string(kFadeShapes[i].name) + "\"";
+    out += std::string(i == 0                            ? ""
+                       : i + 1 == std::size(kFadeShapes) ? " or "
+                                                         : ", ") +
+           "\"" + std::string(kFadeShapes[i].name) + "\"";
   return out;
 }
 

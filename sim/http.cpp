@@ -44,7 +44,8 @@ std::string absolutePath(const json& body, const char* key) {
   if (!body.contains(key) || !body[key].is_string() || body[key].get<std::string>().empty())
     throw SimError(std::string(key) + " must be a non-empty string");
   std::string path = body[key];
-  if (!std::filesystem::path(path).is_absolute()) throw SimError(std::string(key) + " must be an absolute path");
+  if (!std::filesystem::path(path).is_absolute())
+    throw SimError(std::string(key) + " must be an absolute path");
   return path;
 }
 
@@ -140,7 +141,8 @@ json snapshot(Session& session, const Request&) {
 json waveformOf(Session& session, const Request& request) {
   std::string path = queryPath(session, request);
   double bins = queryNumber(request, "bins", 200);
-  if (bins != std::trunc(bins) || bins < 1 || bins > 100000) throw SimError("bins must be an integer from 1 to 100000");
+  if (bins != std::trunc(bins) || bins < 1 || bins > 100000)
+    throw SimError("bins must be an integer from 1 to 100000");
   return waveform(path, int(bins));
 }
 
@@ -162,7 +164,8 @@ struct Endpoint {
 
 const Endpoint kEndpoints[] = {
     {"GET", "/v1/state", "", "Transport, selection, undo labels, file and dirty flag.", stateWithMeters},
-    {"GET", "/v1/document", "", "The project: sampleRate, tempo, masterGainDB, tracks (clips, notes), markers.",
+    {"GET", "/v1/document", "",
+     "The project: sampleRate, tempo, masterGainDB, tracks (clips, notes), markers.",
      [](Session& s, const Request&) { return s.document(); }},
     {"PUT", "/v1/document", "", "Replace the project with the body, as one undo step; ?save=1 also saves it.",
      putDocument},
@@ -171,7 +174,8 @@ const Endpoint kEndpoints[] = {
      [](Session& s, const Request& r) { return applyEdit(s, bodyOf(r)); }},
     {"POST", "/v1/open", "", "{path}: open a .tondrel project (JSON) or an audio file as a new project.",
      [](Session& s, const Request& r) { return openFile(s, absolutePath(bodyOf(r), "path")); }},
-    {"POST", "/v1/import", "", "{path, track?, at?}: add an audio file as a clip; a new track when track is omitted.",
+    {"POST", "/v1/import", "",
+     "{path, track?, at?}: add an audio file as a clip; a new track when track is omitted.",
      [](Session& s, const Request& r) { return importFile(s, bodyOf(r)); }},
     {"POST", "/v1/export", "",
      "{path, format?, sampleRate?, bitDepth?, bitRateKbps?, channels?, normalization?, range?, stems?}: "
@@ -179,10 +183,12 @@ const Endpoint kEndpoints[] = {
      [](Session& s, const Request& r) { return exportAudio(s.document(), bodyOf(r)); }},
     {"POST", "/v1/transport", "", "{action: play|pause|toggle|stop|rewind|seek|loop|loopOff, time?, range?}",
      transport},
-    {"POST", "/v1/select", "", "{clips?, track?, range?, fit?}: members given replace that part; {} clears.", select},
+    {"POST", "/v1/select", "", "{clips?, track?, range?, fit?}: members given replace that part; {} clears.",
+     select},
     {"POST", "/v1/undo", "", "Undo the last step.", history<true>},
     {"POST", "/v1/redo", "", "Redo the last undone step.", history<false>},
-    {"POST", "/v1/save", "", "{path?}: save the project as JSON, at path or where it was opened or saved.", save},
+    {"POST", "/v1/save", "", "{path?}: save the project as JSON, at path or where it was opened or saved.",
+     save},
     {"GET", "/v1/snapshot.png", "", "A PNG picture of the session.", snapshot},
     {"GET", "/v1/waveform", "?path=&bins=200", "Peak and RMS per bin of an audio file.", waveformOf},
     {"GET", "/v1/silences", "?path=&thresholdDB=-42&minDuration=0.15",
@@ -210,7 +216,8 @@ httplib::Server::Handler route(const Endpoint& endpoint, Session& session, std::
     try {
       json result = endpoint.handle(session, request);
       if (result.is_binary())
-        response.set_content(std::string(result.get_binary().begin(), result.get_binary().end()), "image/png");
+        response.set_content(std::string(result.get_binary().begin(), result.get_binary().end()),
+                             "image/png");
       else
         answer(response, 200, result);
     } catch (const SimError& error) {

@@ -21,10 +21,14 @@ namespace {
 std::string usage() {
   std::string port = std::string(tondrel::kPortVariable) + " or " + std::to_string(tondrel::kDefaultPort);
   return "usage: tondrel-editor-sim [--port N] [--seed N] [--open FILE]\n"
-         "         serve the editor's API on 127.0.0.1, port N (default: " + port + ")\n"
+         "         serve the editor's API on 127.0.0.1, port N (default: " +
+         port +
+         ")\n"
          "         --seed N     make the ids of new tracks, clips, notes and markers the same on every run\n"
-         "         --open FILE  start from a project file (.tondrel or .json, as save writes it) or an audio file\n"
-         "       tondrel-editor-sim --write-test-tone FILE.wav   write a 4-second test tone with two silences\n";
+         "         --open FILE  start from a project file (.tondrel or .json, as save writes it) or an audio "
+         "file\n"
+         "       tondrel-editor-sim --write-test-tone FILE.wav   write a 4-second test tone with two "
+         "silences\n";
 }
 
 long number(const char* text, long low, long high) {
@@ -91,7 +95,8 @@ int main(int argc, char** argv) {
   errno = 0;
   if (!server.bind_to_port("127.0.0.1", options.port)) {
     if (errno == EADDRINUSE)
-      return fail("port " + std::to_string(options.port) + " is already in use (another simulator or the editor?)");
+      return fail("port " + std::to_string(options.port) +
+                  " is already in use (another simulator or the editor?)");
     return fail("cannot listen on 127.0.0.1:" + std::to_string(options.port) + ": " + std::strerror(errno));
   }
   return server.listen_after_bind() ? 0 : 1;

@@ -45,7 +45,8 @@ Mixer::Mixer(const json& document, int sampleRate, std::optional<std::size_t> on
     const json& track = document["tracks"][t];
     if (!plays(track, t, onlyTrack, soloed)) continue;
     auto plan = std::make_shared<Plan>();
-    double gain = dbToGain(track["gainDB"].get<double>()), pan = std::clamp(track["pan"].get<double>(), -1.0, 1.0);
+    double gain = dbToGain(track["gainDB"].get<double>()),
+           pan = std::clamp(track["pan"].get<double>(), -1.0, 1.0);
     plan->left = float(gain * std::min(1.0, 1 - pan));
     plan->right = float(gain * std::min(1.0, 1 + pan));
     bool midi = track["kind"] == "midi";
@@ -54,7 +55,8 @@ Mixer::Mixer(const json& document, int sampleRate, std::optional<std::size_t> on
       const FadeShape* shape = findFadeShape(clip["fadeShape"].get<std::string>());
       plan->clips.push_back({loadAudio(clip["path"]), clip["offset"], clip["duration"], clip["sourceStart"],
                              clip["fadeIn"], clip["fadeOut"], clip["reversed"],
-                             float(dbToGain(clip["gainDB"].get<double>())), (shape ? *shape : kDefaultFade).gain});
+                             float(dbToGain(clip["gainDB"].get<double>())),
+                             (shape ? *shape : kDefaultFade).gain});
     }
     for (const json& note : track["notes"]) {
       if (!midi) continue;
@@ -105,9 +107,9 @@ void Mixer::renderNotes(const Plan& track, double start, std::size_t frames, flo
     for (std::size_t i = first; i < last; ++i) {
       double t = start + double(i) / rate_;
       double envelope = std::min({1.0, (t - note.start) / 0.005, (note.end - t) / 0.005});  // 5 ms ramps
-      float value =
-          float(note.amplitude * envelope * std::sin(2 * std::numbers::pi * note.frequency * (t - note.start))) *
-          master_;
+      float value = float(note.amplitude * envelope *
+                          std::sin(2 * std::numbers::pi * note.frequency * (t - note.start))) *
+                    master_;
       out[2 * i] += value * track.left;
       out[2 * i + 1] += value * track.right;
     }

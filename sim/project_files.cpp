@@ -30,8 +30,9 @@ json audioProject(const std::string& path) {
   double length = audio->duration();
   json document = emptyDocument();
   document["sampleRate"] = audio->sampleRate;
-  document["tracks"] = json::array({{{"name", std::filesystem::path(path).stem().string()},
-                                     {"clips", {{{"path", path}, {"duration", length}, {"sourceDuration", length}}}}}});
+  document["tracks"] =
+      json::array({{{"name", std::filesystem::path(path).stem().string()},
+                    {"clips", {{{"path", path}, {"duration", length}, {"sourceDuration", length}}}}}});
   return normalizedDocument(document);
 }
 

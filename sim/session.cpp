@@ -150,7 +150,8 @@ int trackNamed(const json& document, const json& index) {
 }
 
 // The span that shows the selected range and clips; {0, 0} (the whole project) when it is empty.
-std::pair<double, double> fitted(const json& document, const json& clips, std::optional<std::pair<double, double>> range) {
+std::pair<double, double> fitted(const json& document, const json& clips,
+                                 std::optional<std::pair<double, double>> range) {
   double start = kMaxTime, end = 0;
   if (range) start = range->first, end = range->second;
   for (const json& track : document["tracks"])
@@ -167,7 +168,9 @@ void Session::select(const json& request) {
   auto given = [&](const char* key) { return request.empty() || request.contains(key); };
   auto null = [&](const char* key) { return request.empty() || request[key].is_null(); };
   // Everything is checked before anything changes.
-  json clips = !given("clips") ? selectedClips : null("clips") ? json::array() : clipsNamed(document_, request["clips"]);
+  json clips = !given("clips") ? selectedClips
+               : null("clips") ? json::array()
+                               : clipsNamed(document_, request["clips"]);
   auto track = !given("track") ? selectedTrack
                : null("track") ? std::nullopt
                                : std::optional<int>(trackNamed(document_, request["track"]));

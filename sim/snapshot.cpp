@@ -54,8 +54,8 @@ double tickStep(double span) {
 }
 
 // The clip's waveform, one column of peaks per pixel, scaled by its gain.
-void drawWaveform(const Canvas& c, const json& clip, const AudioData& audio, double x0, double x1, double middle,
-                  double half) {
+void drawWaveform(const Canvas& c, const json& clip, const AudioData& audio, double x0, double x1,
+                  double middle, double half) {
   cairo_t* cr = c.cr;
   const double offset = clip["offset"], duration = clip["duration"], sourceStart = clip["sourceStart"];
   const double perPixel = (c.end - c.start) / (kWidth - kLane - 10);
@@ -117,9 +117,11 @@ void drawClip(const Canvas& c, const json& clip, double top, bool selected) {
   cairo_rectangle(cr, x0, y0, x1 - x0, 16);
   cairo_clip(cr);
   std::string name = std::filesystem::path(clip["path"].get<std::string>()).filename().string();
-  std::string gain = clip["gainDB"].get<double>() != 0 ? " " + fixed(clip["gainDB"].get<double>()) + " dB" : "";
+  std::string gain =
+      clip["gainDB"].get<double>() != 0 ? " " + fixed(clip["gainDB"].get<double>()) + " dB" : "";
   text(cr, x0 + 4, y0 + 12,
-       name + gain + (clip["reversed"].get<bool>() ? " (reversed)" : "") + (muted ? " (muted)" : ""), 11, 0xFFFFFF);
+       name + gain + (clip["reversed"].get<bool>() ? " (reversed)" : "") + (muted ? " (muted)" : ""), 11,
+       0xFFFFFF);
   cairo_restore(cr);
   if (selected) {
     color(cr, 0xFFFFFF);
@@ -155,10 +157,12 @@ void drawTitle(const Canvas& c, const Session& session, double duration) {
   std::string title = session.file ? std::filesystem::path(*session.file).filename().string() : "Untitled";
   const json& tempo = doc["tempo"];
   text(cr, 10, 19,
-       title + "   " + fixed(tempo["bpm"].get<double>(), 0) + " BPM " + std::to_string(tempo["numerator"].get<int>()) +
-           "/" + std::to_string(tempo["denominator"].get<int>()) + "   " +
-           std::to_string(doc["sampleRate"].get<int>()) + " Hz   master " + fixed(doc["masterGainDB"].get<double>()) +
-           " dB   " + (session.playing() ? "playing " : "stopped ") + fixed(session.time(), 2) + " s / " +
+       title + "   " + fixed(tempo["bpm"].get<double>(), 0) + " BPM " +
+           std::to_string(tempo["numerator"].get<int>()) + "/" +
+           std::to_string(tempo["denominator"].get<int>()) + "   " +
+           std::to_string(doc["sampleRate"].get<int>()) + " Hz   master " +
+           fixed(doc["masterGainDB"].get<double>()) + " dB   " +
+           (session.playing() ? "playing " : "stopped ") + fixed(session.time(), 2) + " s / " +
            fixed(duration, 2) + " s",
        13);
 }
@@ -196,7 +200,8 @@ void drawTrack(const Canvas& c, const Session& session, int index, double top) {
   if (track["solo"].get<bool>()) flags += "  S";
   if (track["locked"].get<bool>()) flags += "  L";
   text(cr, 8, top + 36, flags, 10, 0xA0A6AE);
-  text(cr, 8, top + 52, fixed(track["gainDB"].get<double>()) + " dB  pan " + fixed(track["pan"].get<double>(), 2), 10,
+  text(cr, 8, top + 52,
+       fixed(track["gainDB"].get<double>()) + " dB  pan " + fixed(track["pan"].get<double>(), 2), 10,
        0xA0A6AE);
   if (track["kind"] == "midi") drawNotes(c, track["notes"], top);
   const json& chosen = session.selectedClips;
@@ -263,9 +268,11 @@ std::string snapshotPNG(const Session& session) {
   drawRuler(c, session, bottom);
   for (int t = 0; t < shown; ++t) drawTrack(c, session, t, tracksTop + t * kTrackHeight);
   if (tracks.empty())
-    text(cr, kLane + 20, tracksTop + kTrackHeight / 2.0, "No tracks: import audio or add a track", 14, 0xA0A6AE);
+    text(cr, kLane + 20, tracksTop + kTrackHeight / 2.0, "No tracks: import audio or add a track", 14,
+         0xA0A6AE);
   if (int(tracks.size()) > shown)
-    text(cr, 8, bottom + 16, "+" + std::to_string(tracks.size() - std::size_t(shown)) + " more tracks", 11, 0xA0A6AE);
+    text(cr, 8, bottom + 16, "+" + std::to_string(tracks.size() - std::size_t(shown)) + " more tracks", 11,
+         0xA0A6AE);
   drawOverlays(c, session, tracksTop, bottom);
   return encodePNG(surface.get());
 }

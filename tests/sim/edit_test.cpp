@@ -17,8 +17,9 @@ struct Project {
   std::map<char, std::string> ids;
   Project() {
     ids['$'] = importTone(session, scratch);
-    json created = edit(session, {{{"op", "track.add"}, {"name", "Keys"}, {"kind", "midi"}},
-                                  {{"op", "note.add"}, {"track", 1}, {"pitch", 60}, {"start", 0.5}, {"duration", 0.5}}});
+    json created =
+        edit(session, {{{"op", "track.add"}, {"name", "Keys"}, {"kind", "midi"}},
+                       {{"op", "note.add"}, {"track", 1}, {"pitch", 60}, {"start", 0.5}, {"duration", 0.5}}});
     ids['#'] = created["created"][1];
     session.load(session.document(), scratch.file("project.tondrel"));
   }
@@ -39,7 +40,8 @@ TEST(Edit, ABatchThatFailsAnywhereChangesNothingAndEachBatchIsOneUndoStep) {
             }),
             "ops[1] (clip.gain): no clip with id \"NOPE\"");
   EXPECT_EQ(p.session.document(), before);
-  edit(p.session, {{{"op", "clip.gain"}, {"clip", p.ids['$']}, {"db", -6}}, {{"op", "marker.add"}, {"time", 1}}});
+  edit(p.session,
+       {{{"op", "clip.gain"}, {"clip", p.ids['$']}, {"db", -6}}, {{"op", "marker.add"}, {"time", 1}}});
   json after = p.session.document();
   EXPECT_EQ(p.session.state()["undoLabel"], "Edit (2 operations)");
   p.session.undo();
@@ -50,7 +52,8 @@ TEST(Edit, ABatchThatFailsAnywhereChangesNothingAndEachBatchIsOneUndoStep) {
   EXPECT_EQ(refusal([&] { p.session.redo(); }), "nothing to redo");
 }
 
-const std::pair<const char*, std::vector<std::array<double, 3>>> kCuts[] = {  // clips: offset, duration, sourceStart
+// Ops, and then the clips of track 0: offset, duration, sourceStart.
+const std::pair<const char*, std::vector<std::array<double, 3>>> kCuts[] = {
     {R"([{"op":"clip.split","clip":"$","at":1.5}])", {{0, 1.5, 0}, {1.5, 2.5, 1.5}}},
     {R"([{"op":"clip.split","at":1.5}])", {{0, 1.5, 0}, {1.5, 2.5, 1.5}}},
     {R"([{"op":"range.delete","start":1,"end":2,"ripple":true}])", {{0, 1, 0}, {1, 2, 2}}},
@@ -59,17 +62,20 @@ const std::pair<const char*, std::vector<std::array<double, 3>>> kCuts[] = {  //
     {R"([{"op":"range.crop","start":1,"end":3}])", {{0, 2, 1}}},
     {R"([{"op":"range.cut","start":0,"end":1,"ripple":true},{"op":"range.paste","at":3,"track":0}])",
      {{0, 3, 1}, {3, 1, 0}}},
-    {R"([{"op":"range.copy","start":0,"end":1},{"op":"range.paste","at":0,"ripple":true}])", {{0, 1, 0}, {1, 4, 0}}},
+    {R"([{"op":"range.copy","start":0,"end":1},{"op":"range.paste","at":0,"ripple":true}])",
+     {{0, 1, 0}, {1, 4, 0}}},
     {R"([{"op":"clip.trim","clip":"$","start":0.5,"end":2}])", {{0.5, 1.5, 0.5}}},
     {R"([{"op":"clip.trim","clip":"$","start":1},{"op":"clip.slip","clip":"$","by":-0.25}])", {{1, 3, 0.75}}},
     {R"([{"op":"clip.trim","clip":"$","end":1},{"op":"clip.slip","clip":"$","by":10}])", {{0, 1, 3}}},
-    {R"([{"op":"clip.move","clip":"$","offset":2},{"op":"clip.duplicate","clips":["$"]}])", {{2, 4, 0}, {6, 4, 0}}},
+    {R"([{"op":"clip.move","clip":"$","offset":2},{"op":"clip.duplicate","clips":["$"]}])",
+     {{2, 4, 0}, {6, 4, 0}}},
     {R"([{"op":"clip.remove","clips":["$"]}])", {}},
     // A reversed clip keeps the end of its source on its left.
     {R"([{"op":"clip.reverse","clip":"$"},{"op":"clip.split","at":1}])", {{0, 1, 3}, {1, 3, 0}}},
 };
 
-const std::tuple<const char*, const char*, json> kEffects[] = {  // ops, a place in the document, its value
+// Ops, a place in the document, and its value after them.
+const std::tuple<const char*, const char*, json> kEffects[] = {
     {R"([{"op":"track.add","name":"Bus","at":0}])", "/tracks/0/name", "Bus"},
     {R"([{"op":"track.remove","track":0}])", "/tracks/0/name", "Keys"},
     {R"([{"op":"track.duplicate","track":0}])", "/tracks/1/name", "Tone copy"},
@@ -131,7 +137,8 @@ TEST(Edit, TheTablesApplyEveryOperationOfTheReference) {
   };
   for (const auto& [ops, clips] : kCuts) note(ops);
   for (const auto& [ops, place, value] : kEffects) note(ops);
-  for (const EditOperation& operation : editOperations()) EXPECT_TRUE(used.count(std::string(operation.op))) << operation.op;
+  for (const EditOperation& operation : editOperations())
+    EXPECT_TRUE(used.count(std::string(operation.op))) << operation.op;
 }
 
 TEST(Edit, RefusesWhatTheTimelineCannotHold) {

@@ -1,10 +1,9 @@
 // The simulator over HTTP, alone and as the editor behind the built tondrel-mcp.
 #include "http.hpp"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-
-#include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <signal.h>
 #include <spawn.h>
@@ -49,7 +48,8 @@ class RunningSim {
 std::pair<int, int> ports(int fd) {
   sockaddr_in local{}, peer{};
   socklen_t size = sizeof local;
-  if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0 || local.sin_family != AF_INET) return {0, 0};
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0 || local.sin_family != AF_INET)
+    return {0, 0};
   size = sizeof peer;
   if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return {ntohs(local.sin_port), 0};
   return {ntohs(local.sin_port), ntohs(peer.sin_port)};
@@ -99,8 +99,10 @@ struct SimProcess {
     if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
   }
   int wait(int seconds) {  // the exit status once it has exited within seconds, else -1
-    for (int tick = 0; tick < seconds * 100; ++tick, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-      if (int status; waitpid(pid, &status, WNOHANG) == pid) return pid = 0, WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    for (int tick = 0; tick < seconds * 100; ++tick) {
+      if (int status; waitpid(pid, &status, WNOHANG) == pid) return pid = 0, WEXITSTATUS(status);
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     return -1;
   }
 };
@@ -122,13 +124,16 @@ TEST(Http, TheBuiltSimulatorServesASessionAndNeverSharesItsPort) {
   Scratch scratch;
   std::string tone = scratch.file("tone.wav"), project = scratch.file("song.tondrel");
   writeTestTone(tone);
-  json opened = {{"tracks", {{{"name", "Tone"}, {"clips", {{{"id", "C"}, {"path", tone}, {"offset", 1}, {"duration", 4}}}}}}}};
+  json opened = {
+      {"tracks",
+       {{{"name", "Tone"}, {"clips", {{{"id", "C"}, {"path", tone}, {"offset", 1}, {"duration", 4}}}}}}}};
   std::ofstream(project) << opened;
   seedIds(7);  // the ids the built simulator must give: the opened track's, then a new marker's
   json track = normalizedDocument(opened)["tracks"][0]["id"], marker = {newUuid()};
 
   int port = freePort();
-  SimProcess first({"--port", std::to_string(port), "--seed", "7", "--open", project}, scratch.file("first.err"));
+  SimProcess first({"--port", std::to_string(port), "--seed", "7", "--open", project},
+                   scratch.file("first.err"));
   httplib::Client client("127.0.0.1", port);
   auto state = [&] {
     auto answer = client.Get("/v1/state");
@@ -150,11 +155,11 @@ TEST(Http, TheBuiltSimulatorServesASessionAndNeverSharesItsPort) {
   post("/v1/transport", {{"action", "seek"}, {"time", 1.25}});
   json now = state();
   EXPECT_EQ(now.size(), 17u);
-  for (auto [key, value] : {std::pair<const char*, json>{"selectedClips", {"C"}}, {"selectedTrack", 0},
-                            {"selectionRange", {1.0, 2.0}}, {"loopRange", {0.0, 4.0}}, {"time", 1.25},
-                            {"peakLeft", 0.0}, {"duration", 5.0}, {"playing", false}, {"undoLabel", "marker.add"},
-                            {"apiPort", port}})
-    EXPECT_EQ(now[key], value) << key;
+  json expected =
+      json::parse(R"({"selectedClips":["C"],"selectedTrack":0,"selectionRange":[1,2],"loopRange":[0,4],
+      "time":1.25,"peakLeft":0,"duration":5,"playing":false,"undoLabel":"marker.add"})");
+  for (const auto& [key, value] : expected.items()) EXPECT_EQ(now[key], value) << key;
+  EXPECT_EQ(now["apiPort"], port);
   post("/v1/transport", {{"action", "play"}});
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   now = state();
@@ -172,13 +177,15 @@ TEST(Http, TheBuiltSimulatorServesASessionAndNeverSharesItsPort) {
   EXPECT_EQ(SimProcess({"--port", std::to_string(port)}, scratch.file("second.err")).wait(10), 1);
   std::ifstream errors(scratch.file("second.err"));
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(errors), {}),
-            "tondrel-editor-sim: port " + std::to_string(port) + " is already in use (another simulator or the editor?)\n");
+            "tondrel-editor-sim: port " + std::to_string(port) +
+                " is already in use (another simulator or the editor?)\n");
 }
 
 TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
   RunningSim sim;
   auto client = sim.client();
-  const std::tuple<const char*, const char*, const char*, int, const char*> cases[] = {  // ... and a piece of the error
+  // Method, path, body, the status, and a piece of the error.
+  const std::tuple<const char*, const char*, const char*, int, const char*> cases[] = {
       {"POST", "/v1/edit", "not json", 400, "not valid JSON"},
       {"POST", "/v1/edit", R"({"ops":[{"op":"clip.gain","clip":"X","db":"loud"}]})", 400,
        R"(field \"db\" must be a number)"},
@@ -189,9 +196,9 @@ TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
       {"POST", "/v1/open", R"({"path":"relative.tondrel"})", 400, "absolute path"},
       {"POST", "/v1/open", R"({"path":"/etc/hostname"})", 400, "cannot read /etc/hostname as audio"},
       {"POST", "/v1/import", R"({"path":5})", 400, "path must be a non-empty string"},
-      {"POST", "/v1/import", R"({"path":"/no/a.wav"})", 400, "cannot import a.wav: no audio file at /no/a.wav"},
-      {"POST", "/v1/import", R"({"path":"/no/a.wav","at":"soon"})", 400, "at must be a number of seconds"},
-      {"POST", "/v1/import", R"({"path":"/no/a.wav","track":-1})", 400, "track must be a 0-based track index"},
+      {"POST", "/v1/import", R"({"path":"/a.wav"})", 400, "cannot import a.wav: no audio file at /a.wav"},
+      {"POST", "/v1/import", R"({"path":"/a.wav","at":"soon"})", 400, "at must be a number of seconds"},
+      {"POST", "/v1/import", R"({"path":"/a.wav","track":-1})", 400, "track must be a 0-based track"},
       {"POST", "/v1/transport", R"({"action":"fly"})", 400, "unknown action 'fly'"},
       {"POST", "/v1/select", R"({"clips":["nope"]})", 400, "no clip with id"},
       {"POST", "/v1/select", R"({"track":4})", 400, "track must be a track index"},
@@ -208,7 +215,8 @@ TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
     auto result = client.send(request);
     ASSERT_TRUE(result) << method << " " << path << ": no answer";
     EXPECT_EQ(result->status, status) << method << " " << path << " " << body;
-    EXPECT_NE(result->body.find(error), std::string::npos) << path << " " << body << "\n  got: " << result->body;
+    EXPECT_NE(result->body.find(error), std::string::npos)
+        << path << " " << body << "\n  got: " << result->body;
     EXPECT_TRUE(json::accept(result->body)) << result->body;
   }
   // Deep enough to overflow the stack of any recursive copy, if it were parsed.
@@ -229,21 +237,25 @@ TEST(Http, TondrelMcpDrivesTheSimulatorThroughASession) {
   writeTestTone(ids['$']);
   RunningSim sim;
   tondrel::test::ServerProcess server({"TONDREL_API_PORT=" + std::to_string(sim.port())});
-  const std::tuple<const char*, const char*, bool, const char*> calls[] = {  // '@': the imported clip
+  // Tool, arguments ('@' the imported clip), whether it must fail, and a piece of its text.
+  const std::tuple<const char*, const char*, bool, const char*> calls[] = {
       {"tondrel_import", R"({"path":"$"})", false, R"("clip":")"},
       {"tondrel_edit",
        R"({"label":"Tidy","ops":[{"op":"clip.split","clip":"@","at":2},{"op":"marker.add","name":"Gap","time":1.5}]})",
        false, R"("label":"Tidy")"},
-      {"tondrel_edit", R"({"ops":[{"op":"clip.gain","clip":"@"}]})", true, R"(ops[0] (clip.gain): missing field \"db\")"},
-      {"tondrel_import", R"({"path":"$","track":7})", true, "cannot import tone.wav: no track 7: the project has 1 tracks"},
+      {"tondrel_edit", R"({"ops":[{"op":"clip.gain","clip":"@"}]})", true,
+       R"(ops[0] (clip.gain): missing field \"db\")"},
+      {"tondrel_import", R"({"path":"$","track":7})", true,
+       "cannot import tone.wav: no track 7: the project has 1 tracks"},
       {"tondrel_export", R"({"path":"%","normalization":"peak"})", false, R"("format":"flac")"},
       {"tondrel_undo", "{}", false, R"("undone":"Tidy")"},
       {"tondrel_document", "{}", false, R"("markers":[])"},
   };
   int id = 0;
   auto call = [&](const char* tool, const json& arguments) {
-    server.send(json({{"jsonrpc", "2.0"}, {"id", ++id}, {"method", "tools/call"},
-                      {"params", {{"name", tool}, {"arguments", arguments}}}}).dump() + "\n");
+    json request = {{"jsonrpc", "2.0"}, {"id", ++id}, {"method", "tools/call"}};
+    request["params"] = {{"name", tool}, {"arguments", arguments}};
+    server.send(request.dump() + "\n");
     return json::parse(server.readLine())["result"];
   };
   for (const auto& [tool, arguments, isError, expected] : calls) {

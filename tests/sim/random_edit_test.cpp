@@ -44,7 +44,9 @@ class Generator {
   json one(const std::vector<T>& choices) {
     return choices.empty() ? json("none") : json(choices[std::size_t(pick(int(choices.size())))]);
   }
-  json wild() { return one(std::vector<json>{nullptr, -1, 1e300, -0.0, "", json::array(), json::object(), true}); }
+  json wild() {
+    return one(std::vector<json>{nullptr, -1, 1e300, -0.0, "", json::array(), json::object(), true});
+  }
   json value(const EditField& field) {
     switch (field.type) {
       case FieldType::integer:
@@ -108,12 +110,14 @@ TEST(RandomEdits, EveryBatchIsRefusedWithAMessageOrLeavesASoundDocument) {
     expectSound(session.document(), ops.dump());
     std::size_t clips = 0;
     for (const json& track : session.document()["tracks"]) clips += track["clips"].size();
-    if (session.document()["tracks"].size() > 12 || clips > 60) session.load(start, session.file);  // stay small
+    if (session.document()["tracks"].size() > 12 || clips > 60)
+      session.load(start, session.file);  // stay small
   }
   EXPECT_GT(applied, 500);  // the generator reaches past validation often enough to mean something
   EXPECT_FALSE(snapshotPNG(session).empty());
   EXPECT_EQ(refusal([&] {
-              exportAudio(session.document(), {{"path", scratch.file("mix.wav")}, {"range", {0, 2}}, {"bitDepth", 16}});
+              exportAudio(session.document(),
+                          {{"path", scratch.file("mix.wav")}, {"range", {0, 2}}, {"bitDepth", 16}});
             }),
             "");
 }
