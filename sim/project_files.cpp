@@ -1,5 +1,6 @@
 #include "project_files.hpp"
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 
@@ -83,7 +84,8 @@ json importFile(Session& session, const json& body) {
   if (track.is_null()) {
     ops.push_back({{"op", "track.add"}, {"name", std::filesystem::path(path).stem().string()}});
     clip["track"] = session.document()["tracks"].size();
-  } else if ((track.is_number_integer() && track.get<long long>() >= 0) ||
+  } else if ((track.is_number() && track.get<double>() >= 0 &&
+              std::trunc(track.get<double>()) == track.get<double>()) ||
              (track.is_string() && !track.get<std::string>().empty())) {
     clip["track"] = track;
   } else {
