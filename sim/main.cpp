@@ -18,11 +18,13 @@
 
 namespace {
 
+constexpr const char* kHost = "127.0.0.1";  // the loopback interface only, as the editor listens
+
 std::string usage() {
   std::string port = std::string(tondrel::kPortVariable) + " or " + std::to_string(tondrel::kDefaultPort);
   return "usage: tondrel-editor-sim [--port N] [--seed N] [--open FILE]\n"
-         "         serve the editor's API on 127.0.0.1, port N (default: " +
-         port +
+         "         serve the editor's API on " +
+         std::string(kHost) + ", port N (default: " + port +
          ")\n"
          "         --seed N     make the ids of new tracks, clips, notes and markers the same on every run\n"
          "         --open FILE  start from a project file (.tondrel or .json, as save writes it) or an audio "
@@ -93,11 +95,12 @@ int main(int argc, char** argv) {
   httplib::Server server;
   tondrel::sim::installRoutes(server, session, lock);
   errno = 0;
-  if (!server.bind_to_port("127.0.0.1", options.port)) {
+  if (!server.bind_to_port(kHost, options.port)) {
     if (errno == EADDRINUSE)
       return fail("port " + std::to_string(options.port) +
                   " is already in use (another simulator or the editor?)");
-    return fail("cannot listen on 127.0.0.1:" + std::to_string(options.port) + ": " + std::strerror(errno));
+    return fail("cannot listen on " + std::string(kHost) + ":" + std::to_string(options.port) + ": " +
+                std::strerror(errno));
   }
   return server.listen_after_bind() ? 0 : 1;
 }

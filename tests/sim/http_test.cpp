@@ -2,6 +2,7 @@
 #include "http.hpp"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <netinet/tcp.h>
@@ -16,6 +17,8 @@
 
 #include "process.hpp"
 #include "sim_support.hpp"
+
+extern char** environ;  // macOS's unistd.h does not declare it
 
 namespace tondrel::sim::test {
 namespace {
