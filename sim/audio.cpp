@@ -8,7 +8,7 @@
 #include <map>
 #include <numbers>
 
-#include "session.hpp"
+#include "document.hpp"
 
 namespace tondrel::sim {
 

@@ -2,61 +2,105 @@
 // for machines where the editor cannot run.
 #include <httplib.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "audio.hpp"
+#include "editor_port.hpp"
 #include "http.hpp"
+#include "project_files.hpp"
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage: tondrel-editor-sim [--port N]   serve the editor's API on 127.0.0.1 (default: TONDREL_API_PORT "
-    "or 17910)\n"
-    "       tondrel-editor-sim --write-test-tone FILE.wav   write a 4-second test tone with two silences\n";
+constexpr const char* kHost = "127.0.0.1";  // the loopback interface only, as the editor listens
 
-int portNumber(const char* text) {
-  char* end = nullptr;
-  long value = text ? std::strtol(text, &end, 10) : 0;
-  return text && *text && *end == 0 && value > 0 && value < 65536 ? int(value) : 0;
+std::string usage() {
+  std::string port = std::string(tondrel::kPortVariable) + " or " + std::to_string(tondrel::kDefaultPort);
+  return "usage: tondrel-editor-sim [--port N] [--seed N] [--open FILE]\n"
+         "         serve the editor's API on " +
+         std::string(kHost) + ", port N (default: " + port +
+         ")\n"
+         "         --seed N     make the ids of new tracks, clips, notes and markers the same on every run\n"
+         "         --open FILE  start from a project file (.tondrel or .json, as save writes it) or an audio "
+         "file\n"
+         "       tondrel-editor-sim --write-test-tone FILE.wav   write a 4-second test tone with two "
+         "silences\n";
 }
+
+long number(const char* text, long low, long high) {
+  char* end = nullptr;
+  errno = 0;
+  long value = text && *text ? std::strtol(text, &end, 10) : low - 1;
+  return end && *end == 0 && errno == 0 && value >= low && value <= high ? value : low - 1;
+}
+
+int fail(const std::string& message, int status = 1) {
+  std::cerr << "tondrel-editor-sim: " << message << '\n';
+  return status;
+}
+
+struct Options {
+  int port = 0;
+  std::optional<unsigned long> seed;
+  std::optional<std::string> open;
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int port = portNumber(std::getenv("TONDREL_API_PORT"));
-  if (port == 0) port = 17910;
+  Options options;
+  const char* fromEnvironment = std::getenv(std::string(tondrel::kPortVariable).c_str());
+  options.port = int(fromEnvironment ? number(fromEnvironment, 1, 65535) : -1);
+  if (options.port <= 0) options.port = int(tondrel::kDefaultPort);
   for (int i = 1; i < argc; ++i) {
     std::string argument = argv[i];
-    if (argument == "--port" && i + 1 < argc) {
-      port = portNumber(argv[++i]);
-      if (port == 0) {
-        std::cerr << "tondrel-editor-sim: --port needs a number from 1 to 65535\n";
-        return 2;
-      }
-    } else if (argument == "--write-test-tone" && i + 1 < argc) {
+    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+    if (argument == "--port" && value) {
+      options.port = int(number(argv[++i], 1, 65535));
+      if (options.port <= 0) return fail("--port needs a number from 1 to 65535", 2);
+    } else if (argument == "--seed" && value) {
+      long seed = number(argv[++i], 0, 2147483647);
+      if (seed < 0) return fail("--seed needs a number from 0 to 2147483647", 2);
+      options.seed = static_cast<unsigned long>(seed);
+    } else if (argument == "--open" && value) {
+      options.open = std::filesystem::absolute(argv[++i]).string();
+    } else if (argument == "--write-test-tone" && value) {
       try {
         tondrel::sim::writeTestTone(argv[++i]);
         return 0;
       } catch (const std::exception& error) {
-        std::cerr << "tondrel-editor-sim: " << error.what() << '\n';
-        return 1;
+        return fail(error.what());
       }
     } else {
-      std::cerr << kUsage;
+      std::cerr << usage();
       return argument == "--help" || argument == "-h" ? 0 : 2;
     }
   }
+
   std::signal(SIGPIPE, SIG_IGN);
-  tondrel::sim::Session session(port);
+  if (options.seed) tondrel::sim::seedIds(*options.seed);
+  tondrel::sim::Session session(options.port);
+  try {
+    if (options.open) tondrel::sim::openFile(session, *options.open);
+  } catch (const std::exception& error) {
+    return fail("cannot open " + *options.open + ": " + error.what());
+  }
   std::mutex lock;
   httplib::Server server;
   tondrel::sim::installRoutes(server, session, lock);
-  if (!server.listen("127.0.0.1", port)) {
-    std::cerr << "tondrel-editor-sim: cannot listen on 127.0.0.1:" << port << '\n';
-    return 1;
+  errno = 0;
+  if (!server.bind_to_port(kHost, options.port)) {
+    if (errno == EADDRINUSE)
+      return fail("port " + std::to_string(options.port) +
+                  " is already in use (another simulator or the editor?)");
+    return fail("cannot listen on " + std::string(kHost) + ":" + std::to_string(options.port) + ": " +
+                std::strerror(errno));
   }
-  return 0;
+  return server.listen_after_bind() ? 0 : 1;
 }

@@ -4,38 +4,13 @@
 #pragma once
 
 #include <chrono>
-#include <nlohmann/json.hpp>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "document.hpp"
+
 namespace tondrel::sim {
-
-using nlohmann::json;
-
-// A request the editor refuses; the message is what the agent reads.
-struct SimError : std::runtime_error {
-  int status;
-  explicit SimError(const std::string& message, int status = 400)
-      : std::runtime_error(message), status(status) {}
-};
-
-// Longest time anything may reach: keeps renders and drawings finite whatever an agent asks.
-inline constexpr double kMaxTime = 24 * 3600.0;
-
-std::string newUuid();
-
-// A fresh, empty project.
-json emptyDocument();
-
-// Fills in every member a track, clip, note or marker is expected to have and
-// gives ids to whatever lacks one, so that the rest of the code can rely on them.
-// Throws SimError for shapes it cannot make sense of.
-json normalizedDocument(const json& document);
-
-double clipEnd(const json& clip);
-double projectDuration(const json& document);
 
 struct UndoStep {
   std::string label;
@@ -79,6 +54,7 @@ class Session {
   using Clock = std::chrono::steady_clock;
   json document_;
   std::vector<UndoStep> undo_, redo_;
+  void step(std::vector<UndoStep>& from, std::vector<UndoStep>& to, const char* nothing);
   bool dirty_ = false;
   long long changeCount_ = 0;
   int apiPort_;
@@ -88,10 +64,4 @@ class Session {
   std::optional<std::pair<double, double>> loop_;
 };
 
-// Reading helpers shared by the handlers: a range [start, end] out of JSON, checked.
-std::pair<double, double> readRange(const json& value, const std::string& what);
-double checkedTime(double value, const std::string& what);
-
-// A time or level as a person writes it: 2, 0.5, -1.25.
-std::string show(double value);
 }  // namespace tondrel::sim

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "session.hpp"
+#include "document.hpp"
 
 namespace tondrel::sim {
 

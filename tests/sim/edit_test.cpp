@@ -1,100 +1,144 @@
-// Batch edits on a real session: atomic, one undo step, and the timeline arithmetic.
+// Batch edits on a real session: atomic, one undo step, and what each operation does.
 #include <gtest/gtest.h>
 
 #include <set>
 
-#include "sim_support.hpp"
 #include "catalogue.hpp"
+#include "sim_support.hpp"
 
 namespace tondrel::sim::test {
 namespace {
 
-std::string failure(Session& session, const json& ops) {
-  try {
-    edit(session, ops);
-    return "";
-  } catch (const SimError& error) {
-    return error.what();
+// A session with tone.wav on track 0 ($), a MIDI track 1 with one note (#) at 0.5-1 s,
+// and a project file, so that bounces have a folder.
+struct Project {
+  Scratch scratch;
+  Session session{0};
+  std::map<char, std::string> ids;
+  Project() {
+    ids['$'] = importTone(session, scratch);
+    json created =
+        edit(session, {{{"op", "track.add"}, {"name", "Keys"}, {"kind", "midi"}},
+                       {{"op", "note.add"}, {"track", 1}, {"pitch", 60}, {"start", 0.5}, {"duration", 0.5}}});
+    ids['#'] = created["created"][1];
+    session.load(session.document(), scratch.file("project.tondrel"));
   }
+  // Applies each op as its own edit; '@' stands for the id the previous op created.
+  void apply(const char* text) {
+    for (json op : withIds(text, ids)) {
+      json created = edit(session, withIds(json::array({op}).dump(), ids))["created"];
+      if (!created.empty()) ids['@'] = created[0];
+    }
+  }
+};
+
+TEST(Edit, ABatchThatFailsAnywhereChangesNothingAndEachBatchIsOneUndoStep) {
+  Project p;
+  json before = p.session.document();
+  EXPECT_EQ(refusal([&] {
+              edit(p.session, {{{"op", "track.add"}}, {{"op", "clip.gain"}, {"clip", "NOPE"}, {"db", 1}}});
+            }),
+            "ops[1] (clip.gain): no clip with id \"NOPE\"");
+  EXPECT_EQ(p.session.document(), before);
+  edit(p.session,
+       {{{"op", "clip.gain"}, {"clip", p.ids['$']}, {"db", -6}}, {{"op", "marker.add"}, {"time", 1}}});
+  json after = p.session.document();
+  EXPECT_EQ(p.session.state()["undoLabel"], "Edit (2 operations)");
+  p.session.undo();
+  EXPECT_EQ(p.session.document(), before);
+  EXPECT_EQ(p.session.state()["redoLabel"], "Edit (2 operations)");
+  p.session.redo();
+  EXPECT_EQ(p.session.document(), after);
+  EXPECT_EQ(refusal([&] { p.session.redo(); }), "nothing to redo");
 }
 
-// Each clip of track 0 as [offset, duration, sourceStart].
-std::vector<std::array<double, 3>> clips(const Session& session, std::size_t track = 0) {
-  std::vector<std::array<double, 3>> out;
-  for (const json& clip : session.document()["tracks"][track]["clips"])
-    out.push_back({clip["offset"], clip["duration"], clip["sourceStart"]});
-  return out;
-}
+// Ops, and then the clips of track 0: offset, duration, sourceStart.
+const std::pair<const char*, std::vector<std::array<double, 3>>> kCuts[] = {
+    {R"([{"op":"clip.split","clip":"$","at":1.5}])", {{0, 1.5, 0}, {1.5, 2.5, 1.5}}},
+    {R"([{"op":"clip.split","at":1.5}])", {{0, 1.5, 0}, {1.5, 2.5, 1.5}}},
+    {R"([{"op":"range.delete","start":1,"end":2,"ripple":true}])", {{0, 1, 0}, {1, 2, 2}}},
+    {R"([{"op":"range.delete","start":1,"end":2}])", {{0, 1, 0}, {2, 2, 2}}},
+    {R"([{"op":"range.silence","start":3,"end":5}])", {{0, 3, 0}}},
+    {R"([{"op":"range.crop","start":1,"end":3}])", {{0, 2, 1}}},
+    {R"([{"op":"range.cut","start":0,"end":1,"ripple":true},{"op":"range.paste","at":3,"track":0}])",
+     {{0, 3, 1}, {3, 1, 0}}},
+    {R"([{"op":"range.copy","start":0,"end":1},{"op":"range.paste","at":0,"ripple":true}])",
+     {{0, 1, 0}, {1, 4, 0}}},
+    {R"([{"op":"clip.trim","clip":"$","start":0.5,"end":2}])", {{0.5, 1.5, 0.5}}},
+    {R"([{"op":"clip.trim","clip":"$","start":1},{"op":"clip.slip","clip":"$","by":-0.25}])", {{1, 3, 0.75}}},
+    {R"([{"op":"clip.trim","clip":"$","end":1},{"op":"clip.slip","clip":"$","by":10}])", {{0, 1, 3}}},
+    {R"([{"op":"clip.move","clip":"$","offset":2},{"op":"clip.duplicate","clips":["$"]}])",
+     {{2, 4, 0}, {6, 4, 0}}},
+    {R"([{"op":"clip.remove","clips":["$"]}])", {}},
+    // A reversed clip keeps the end of its source on its left.
+    {R"([{"op":"clip.reverse","clip":"$"},{"op":"clip.split","at":1}])", {{0, 1, 3}, {1, 3, 0}}},
+};
 
-TEST(Edit, ABatchThatFailsAnywhereChangesNothing) {
-  Scratch scratch;
-  Session session(0);
-  importTone(session, scratch);
-  json before = session.document();
-  std::string message = failure(session, {{{"op", "track.add"}},
-                                          {{"op", "master.gain"}, {"db", -3}},
-                                          {{"op", "clip.gain"}, {"clip", "NOPE"}, {"db", 1}}});
-  EXPECT_EQ(message, "ops[2] (clip.gain): no clip with id \"NOPE\"");
-  EXPECT_EQ(session.document(), before);
-  EXPECT_EQ(session.state()["undoLabel"], "Edit (2 operations)");  // the import, not the failed batch
-}
-
-TEST(Edit, EachBatchIsOneUndoStepWithItsLabel) {
-  Scratch scratch;
-  Session session(0);
-  std::string clip = importTone(session, scratch);
-  json imported = session.document();
-  edit(session, {{{"op", "clip.gain"}, {"clip", clip}, {"db", -6}}, {{"op", "marker.add"}, {"time", 1}}},
-       "Duck");
-  json edited = session.document();
-  EXPECT_EQ(session.state()["undoLabel"], "Duck");
-  session.undo();
-  EXPECT_EQ(session.document(), imported);
-  EXPECT_EQ(session.state()["redoLabel"], "Duck");
-  session.redo();
-  EXPECT_EQ(session.document(), edited);
-  EXPECT_EQ(session.state()["redoLabel"], nullptr);
-  session.undo();
-  session.undo();
-  EXPECT_THROW(session.undo(), SimError);
-  EXPECT_TRUE(session.document()["tracks"].empty());
-}
+// Ops, a place in the document, and its value after them.
+const std::tuple<const char*, const char*, json> kEffects[] = {
+    {R"([{"op":"track.add","name":"Bus","at":0}])", "/tracks/0/name", "Bus"},
+    {R"([{"op":"track.remove","track":0}])", "/tracks/0/name", "Keys"},
+    {R"([{"op":"track.duplicate","track":0}])", "/tracks/1/name", "Tone copy"},
+    {R"([{"op":"track.move","track":0,"delta":1}])", "/tracks/1/name", "Tone"},
+    {R"([{"op":"track.set","track":0,"gainDB":-3,"solo":true}])", "/tracks/0/solo", true},
+    {R"([{"op":"track.bounceToAudio","track":1,"replace":true}])", "/tracks/1/name", "Keys (bounced)"},
+    {R"([{"op":"note.add","pitch":64,"start":0}])", "/tracks/1/notes/0/pitch", 64},
+    {R"([{"op":"note.move","note":"#","start":0.55,"pitch":62},{"op":"note.quantize","track":1}])",
+     "/tracks/1/notes/0/start", 0.5},
+    {R"([{"op":"note.trim","note":"#","start":0.75}])", "/tracks/1/notes/0/duration", 0.25},
+    {R"([{"op":"note.velocity","note":"#","velocity":20}])", "/tracks/1/notes/0/velocity", 20},
+    {R"([{"op":"note.pitch","note":"#","pitch":70},{"op":"note.transpose","notes":["#"],"semitones":-12}])",
+     "/tracks/1/notes/0/pitch", 58},
+    {R"([{"op":"note.remove","notes":["#"]}])", "/tracks/1/notes", json::array()},
+    {R"([{"op":"tempo.set","bpm":90,"numerator":3}])", "/tempo/numerator", 3},
+    {R"([{"op":"clip.add","path":"tone.wav","track":0,"offset":5}])", "/tracks/0/clips/1/offset", 5},
+    {R"([{"op":"clip.fades","clip":"$","fadeIn":9,"shape":"linear"}])", "/tracks/0/clips/0/fadeIn", 4},
+    {R"([{"op":"clip.gain","clip":"$","db":-6}])", "/tracks/0/clips/0/gainDB", -6},
+    {R"([{"op":"clip.normalize","clip":"$","targetDB":-1}])", "/tracks/0/clips/0/gainDB", 5.0206},
+    {R"([{"op":"clip.mute","clip":"$","mute":true}])", "/tracks/0/clips/0/mute", true},
+    {R"([{"op":"clip.duplicate","clips":["$"]},{"op":"clip.crossfade","clipA":"$","clipB":"@","duration":1}])",
+     "/tracks/0/clips/1/offset", 3},
+    {R"([{"op":"range.fadeIn","start":0,"end":1}])", "/tracks/0/clips/0/fadeIn", 1},
+    {R"([{"op":"range.fadeOut","start":3,"end":4,"shape":"exponential"}])", "/tracks/0/clips/0/fadeShape",
+     "exponential"},
+    {R"([{"op":"marker.add","time":2,"name":"Drop"}])", "/markers/0/name", "Drop"},
+    {R"([{"op":"marker.add","time":2},{"op":"marker.remove","marker":0}])", "/markers", json::array()},
+    {R"([{"op":"master.gain","db":-1}])", "/masterGainDB", -1},
+};
 
 TEST(Edit, CutsAndMovesKeepSourceAndTimelineInStep) {
-  struct Case {
-    const char* ops;  // $ stands for the tone clip's id
-    std::vector<std::array<double, 3>> expected;
-  };
-  const Case cases[] = {
-      {R"([{"op":"clip.split","clip":"$","at":1.5}])", {{0, 1.5, 0}, {1.5, 2.5, 1.5}}},
-      {R"([{"op":"clip.split","at":1.5}])", {{0, 1.5, 0}, {1.5, 2.5, 1.5}}},
-      {R"([{"op":"range.delete","start":1,"end":2,"ripple":true}])", {{0, 1, 0}, {1, 2, 2}}},
-      {R"([{"op":"range.delete","start":1,"end":2}])", {{0, 1, 0}, {2, 2, 2}}},
-      {R"([{"op":"range.silence","start":3,"end":5}])", {{0, 3, 0}}},
-      {R"([{"op":"range.crop","start":1,"end":3}])", {{0, 2, 1}}},
-      {R"([{"op":"range.cut","start":0,"end":1,"ripple":true},{"op":"range.paste","at":3,"track":0}])",
-       {{0, 3, 1}, {3, 1, 0}}},
-      {R"([{"op":"range.copy","start":0,"end":1},{"op":"range.paste","at":0,"ripple":true}])",
-       {{0, 1, 0}, {1, 4, 0}}},
-      {R"([{"op":"clip.trim","clip":"$","start":0.5,"end":2}])", {{0.5, 1.5, 0.5}}},
-      {R"([{"op":"clip.trim","clip":"$","start":1},{"op":"clip.slip","clip":"$","by":-0.25}])",
-       {{1, 3, 0.75}}},
-      {R"([{"op":"clip.trim","clip":"$","end":1},{"op":"clip.slip","clip":"$","by":10}])", {{0, 1, 3}}},
-      {R"([{"op":"clip.move","clip":"$","offset":2},{"op":"clip.duplicate","clips":["$"]}])",
-       {{2, 4, 0}, {6, 4, 0}}},
-      {R"([{"op":"clip.remove","clips":["$"]}])", {}},
-      // A reversed clip keeps the end of its source on its left.
-      {R"([{"op":"clip.reverse","clip":"$"},{"op":"clip.split","at":1}])", {{0, 1, 3}, {1, 3, 0}}},
-  };
-  Scratch scratch;
-  for (const Case& c : cases) {
-    Session session(0);
-    std::string clip = importTone(session, scratch);
-    std::string ops = c.ops;
-    for (std::size_t at; (at = ops.find('$')) != std::string::npos;) ops.replace(at, 1, clip);
-    edit(session, json::parse(ops));
-    EXPECT_EQ(clips(session), c.expected) << c.ops;
+  for (const auto& [ops, expected] : kCuts) {
+    Project p;
+    p.apply(ops);
+    std::vector<std::array<double, 3>> clips;
+    for (const json& clip : p.session.document()["tracks"][0]["clips"])
+      clips.push_back({clip["offset"], clip["duration"], clip["sourceStart"]});
+    EXPECT_EQ(clips, expected) << ops;
   }
+}
+
+TEST(Edit, EachOperationChangesWhatItNames) {
+  for (const auto& [ops, place, expected] : kEffects) {
+    Project p;
+    p.apply(ops);
+    const json& value = p.session.document().at(json::json_pointer(place));
+    if (expected.is_number())
+      EXPECT_NEAR(value.get<double>(), expected.get<double>(), 1e-3) << ops;
+    else
+      EXPECT_EQ(value, expected) << ops;
+    EXPECT_NO_THROW(normalizedDocument(p.session.document())) << ops;  // still a document the editor loads
+  }
+}
+
+TEST(Edit, TheTablesApplyEveryOperationOfTheReference) {
+  std::set<std::string> used;
+  auto note = [&](const char* ops) {
+    for (const json& op : json::parse(ops)) used.insert(op["op"]);
+  };
+  for (const auto& [ops, clips] : kCuts) note(ops);
+  for (const auto& [ops, place, value] : kEffects) note(ops);
+  for (const EditOperation& operation : editOperations())
+    EXPECT_TRUE(used.count(std::string(operation.op))) << operation.op;
 }
 
 TEST(Edit, RefusesWhatTheTimelineCannotHold) {
@@ -104,89 +148,20 @@ TEST(Edit, RefusesWhatTheTimelineCannotHold) {
       {R"([{"op":"range.delete","start":2,"end":1}])", "must come after start"},
       {R"([{"op":"clip.move","clip":"$","offset":-1}])", "offset must lie between 0 and"},
       {R"([{"op":"track.set","track":0,"pan":2}])", "pan must lie between -1 and 1"},
-      {R"([{"op":"track.remove","track":3}])", "no track 3: the project has 1 tracks"},
-      {R"([{"op":"note.add","pitch":60,"start":0}])", "no MIDI track"},
+      {R"([{"op":"track.remove","track":3}])", "no track 3: the project has 2 tracks"},
+      {R"([{"op":"note.add","track":0,"pitch":60,"start":0}])", "track 0 is not a MIDI track"},
       {R"([{"op":"clip.add","path":"/nonexistent/a.wav"}])", "no audio file at /nonexistent/a.wav"},
       {R"([{"op":"range.paste","at":0}])", "nothing to paste"},
       {R"([{"op":"track.bounceToAudio","track":0}])", "already an audio track"},
       {R"([{"op":"tempo.set","denominator":3}])", "denominator must be"},
+      {R"([{"op":"note.transpose","track":1,"semitones":100}])", "leaves the MIDI range"},
+      {R"([{"op":"clip.move","clip":"$","offset":86399}])", "past the timeline's end"},
   };
-  Scratch scratch;
-  for (const auto& [text, expected] : cases) {
-    Session session(0);
-    std::string clip = importTone(session, scratch);
-    std::string ops = text;
-    for (std::size_t at; (at = ops.find('$')) != std::string::npos;) ops.replace(at, 1, clip);
-    EXPECT_NE(failure(session, json::parse(ops)).find(expected), std::string::npos)
-        << text << "\n  got: " << failure(session, json::parse(ops));
+  for (const auto& [ops, expected] : cases) {
+    Project p;
+    std::string message = refusal([&] { p.apply(ops); });
+    EXPECT_NE(message.find(expected), std::string::npos) << ops << "\n  got: " << message;
   }
-}
-
-// Every operation of the reference, once, on a project that has what it needs.
-TEST(Edit, EveryOperationOfTheReferenceApplies) {
-  Scratch scratch;
-  Session session(0);
-  std::string a = importTone(session, scratch);
-  session.load(session.document(), scratch.file("project.tondrel"));
-  std::set<std::string> used;
-  auto apply = [&](json op) {
-    used.insert(op["op"]);
-    json result = edit(session, json::array({op}));
-    return result["created"].empty() ? std::string() : result["created"][0].get<std::string>();
-  };
-  auto noteOn = [&](int pitch, double start) {
-    return apply({{"op", "note.add"}, {"track", 1}, {"pitch", pitch}, {"start", start}, {"velocity", 90}});
-  };
-  std::string b = apply({{"op", "clip.add"},
-                         {"path", scratch.file("tone.wav")},
-                         {"track", 0},
-                         {"offset", 3.5},
-                         {"fadeIn", 0.1},
-                         {"fadeShape", "linear"}});
-  apply({{"op", "track.add"}, {"name", "Keys"}, {"kind", "midi"}, {"program", 4}});
-  std::string n1 = noteOn(60, 0.1), n2 = noteOn(64, 0.6);
-  apply({{"op", "note.move"}, {"note", n1}, {"start", 0.2}});
-  apply({{"op", "note.trim"}, {"note", n1}, {"duration", 0.4}});
-  apply({{"op", "note.velocity"}, {"note", n1}, {"velocity", 120}});
-  apply({{"op", "note.pitch"}, {"note", n2}, {"pitch", 67}});
-  apply({{"op", "note.quantize"}, {"track", 1}});
-  apply({{"op", "note.transpose"}, {"notes", {n1, n2}}, {"semitones", 2}});
-  apply({{"op", "tempo.set"}, {"bpm", 100}, {"numerator", 3}});
-  apply({{"op", "track.bounceToAudio"}, {"track", 1}});
-  apply({{"op", "note.remove"}, {"notes", {n2}}, {"ripple", true}});
-  apply({{"op", "track.duplicate"}, {"track", 0}});
-  apply({{"op", "track.move"}, {"track", 3}, {"delta", -1}});
-  apply({{"op", "track.set"}, {"track", 0}, {"gainDB", -3}, {"pan", -0.5}, {"solo", true}});
-  apply({{"op", "track.remove"}, {"track", 2}});
-  apply({{"op", "clip.fades"}, {"clip", a}, {"fadeIn", 0.2}, {"fadeOut", 0.3}, {"shape", "exponential"}});
-  apply({{"op", "clip.gain"}, {"clip", a}, {"db", -2}});
-  apply({{"op", "clip.normalize"}, {"clip", a}, {"targetDB", -1}});
-  EXPECT_NEAR(session.document()["tracks"][0]["clips"][0]["gainDB"].get<double>(), -1 + 6.0206, 0.01);
-  apply({{"op", "clip.mute"}, {"clip", b}, {"mute", true}});
-  apply({{"op", "clip.crossfade"}, {"clipA", a}, {"clipB", b}});
-  apply({{"op", "clip.reverse"}, {"clip", b}});
-  apply({{"op", "clip.move"}, {"clip", b}, {"offset", 5}});
-  apply({{"op", "clip.slip"}, {"clip", b}, {"by", 0.1}});
-  apply({{"op", "clip.trim"}, {"clip", b}, {"end", 7}});
-  std::string c = apply({{"op", "clip.split"}, {"clip", b}, {"at", 6}});
-  apply({{"op", "clip.duplicate"}, {"clips", {c}}});
-  apply({{"op", "clip.remove"}, {"clips", {c}}, {"ripple", true}});
-  apply({{"op", "range.copy"}, {"start", 0}, {"end", 1}});
-  apply({{"op", "range.paste"}, {"at", 8}});
-  apply({{"op", "range.cut"}, {"start", 8}, {"end", 8.5}});
-  apply({{"op", "range.delete"}, {"start", 8}, {"end", 8.2}, {"ripple", true}});
-  apply({{"op", "range.silence"}, {"start", 1.2}, {"end", 1.3}});
-  apply({{"op", "range.fadeIn"}, {"start", 0}, {"end", 0.5}, {"shape", "logarithmic"}});
-  apply({{"op", "range.fadeOut"}, {"start", 0.5}, {"end", 1.2}});
-  apply({{"op", "range.crop"}, {"start", 0}, {"end", 9}});
-  std::string m = apply({{"op", "marker.add"}, {"name", "Drop"}, {"time", 2}});
-  apply({{"op", "marker.remove"}, {"marker", m}});
-  apply({{"op", "clip.add"}, {"path", "tone.wav"}, {"offset", 9}});  // relative to the project's folder
-  apply({{"op", "master.gain"}, {"db", -1}});
-
-  for (const EditOperation& operation : editOperations())
-    EXPECT_TRUE(used.count(std::string(operation.op))) << operation.op;
-  EXPECT_NO_THROW(normalizedDocument(session.document()));  // still a document the editor can load
 }
 
 }  // namespace

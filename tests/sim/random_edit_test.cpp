@@ -5,42 +5,34 @@
 #include <cstdlib>
 #include <random>
 
-#include "render.hpp"
+#include "catalogue.hpp"
+#include "export.hpp"
 #include "sim_support.hpp"
 #include "snapshot.hpp"
-#include "catalogue.hpp"
 
 namespace tondrel::sim::test {
 namespace {
-
-struct Ids {
-  std::vector<json> tracks, clips, notes, markers;
-  explicit Ids(const json& document) {
-    for (const json& track : document["tracks"]) {
-      tracks.push_back(track["id"]);
-      for (const json& clip : track["clips"]) clips.push_back(clip["id"]);
-      for (const json& note : track["notes"]) notes.push_back(note["id"]);
-    }
-    for (const json& marker : document["markers"]) markers.push_back(marker["id"]);
-  }
-};
 
 class Generator {
  public:
   Generator(unsigned seed, std::string tone) : random_(seed), tone_(std::move(tone)) {}
 
   json batch(const json& document) {
-    Ids ids(document);
+    ids_.clear();
+    for (const json& track : document["tracks"]) {
+      ids_.push_back(track["id"]);
+      for (const char* list : {"clips", "clips", "notes"})  // clips twice: most operations want one
+        for (const json& item : track[list]) ids_.push_back(item["id"]);
+    }
+    for (const json& marker : document["markers"]) ids_.push_back(marker["id"]);
     json ops = json::array();
     for (int n = pick(2) + 1; n > 0; --n) {
-      const EditOperation* chosen;
-      do chosen = &editOperations()[std::size_t(pick(int(editOperations().size())))];
-      while (chosen->op ==
-             "track.bounceToAudio");  // it writes files; EveryOperationOfTheReferenceApplies covers it
-      const EditOperation& operation = *chosen;
-      json op = {{"op", operation.op}};
-      for (const EditField& field : operation.fields)
-        if (!field.optional || pick(2)) op[std::string(field.name)] = pick(20) ? value(field, ids) : wild();
+      const EditOperation* operation;
+      do operation = &editOperations()[std::size_t(pick(int(editOperations().size())))];
+      while (operation->op == "track.bounceToAudio");  // it writes files; the edit tests cover it
+      json op = {{"op", operation->op}};
+      for (const EditField& field : operation->fields)
+        if (!field.optional || pick(2)) op[std::string(field.name)] = pick(20) ? value(field) : wild();
       ops.push_back(op);
     }
     return ops;
@@ -52,22 +44,10 @@ class Generator {
   json one(const std::vector<T>& choices) {
     return choices.empty() ? json("none") : json(choices[std::size_t(pick(int(choices.size())))]);
   }
-  json anyId(const Ids& ids) {
-    switch (pick(5)) {
-      case 0:
-        return one(ids.tracks);
-      case 1:
-        return one(ids.notes);
-      case 2:
-        return one(ids.markers);
-      default:
-        return one(ids.clips);
-    }
-  }
   json wild() {
     return one(std::vector<json>{nullptr, -1, 1e300, -0.0, "", json::array(), json::object(), true});
   }
-  json value(const EditField& field, const Ids& ids) {
+  json value(const EditField& field) {
     switch (field.type) {
       case FieldType::integer:
         return one(std::vector<long long>{-1, 0, 1, 2, 4, 60, 127, 128, 1000000});
@@ -78,11 +58,11 @@ class Generator {
       case FieldType::boolean:
         return pick(2) == 1;
       case FieldType::uuid:
-        return anyId(ids);
+        return one(ids_);
       case FieldType::indexOrUuid:
-        return pick(3) ? json(pick(4)) : one(ids.tracks);
+        return pick(3) ? json(pick(4)) : one(ids_);
       case FieldType::uuidList:
-        return json::array({anyId(ids), anyId(ids)});
+        return json::array({one(ids_), one(ids_)});
       case FieldType::choice:
         return std::string(field.choices[std::size_t(pick(int(field.choices.size())))]);
     }
@@ -91,16 +71,14 @@ class Generator {
 
   std::mt19937 random_;
   std::string tone_;
+  std::vector<json> ids_;
 };
 
 void expectSound(const json& document, const std::string& context) {
   ASSERT_NO_THROW(normalizedDocument(document)) << context;
   for (const json& track : document["tracks"])
     for (const json& clip : track["clips"]) {
-      double offset = clip["offset"], duration = clip["duration"], start = clip["sourceStart"];
-      EXPECT_GE(offset, 0) << context;
-      EXPECT_GE(duration, 0) << context;
-      EXPECT_GE(start, 0) << context;
+      double duration = clip["duration"], start = clip["sourceStart"];
       EXPECT_LE(start + duration, clip["sourceDuration"].get<double>() + 1e-6) << context;
       EXPECT_LE(clip["fadeIn"].get<double>(), duration + 1e-9) << context;
     }
@@ -118,7 +96,7 @@ TEST(RandomEdits, EveryBatchIsRefusedWithAMessageOrLeavesASoundDocument) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   Generator generator(seed, scratch.file("tone.wav"));
   int applied = 0;
-  for (int round = 0; round < 10000; ++round) {
+  for (int round = 0; round < 10000; ++round) {  // about a second; nothing here writes a file
     json ops = generator.batch(session.document());
     json before = session.document();
     try {
@@ -133,14 +111,15 @@ TEST(RandomEdits, EveryBatchIsRefusedWithAMessageOrLeavesASoundDocument) {
     std::size_t clips = 0;
     for (const json& track : session.document()["tracks"]) clips += track["clips"].size();
     if (session.document()["tracks"].size() > 12 || clips > 60)
-      session.load(start, session.file);  // stay small and quick
+      session.load(start, session.file);  // stay small
   }
   EXPECT_GT(applied, 500);  // the generator reaches past validation often enough to mean something
   EXPECT_FALSE(snapshotPNG(session).empty());
-  try {
-    exportAudio(session.document(), {{"path", scratch.file("random.wav")}, {"range", {0, 2}}});
-  } catch (const SimError&) {
-  }
+  EXPECT_EQ(refusal([&] {
+              exportAudio(session.document(),
+                          {{"path", scratch.file("mix.wav")}, {"range", {0, 2}}, {"bitDepth", 16}});
+            }),
+            "");
 }
 
 }  // namespace

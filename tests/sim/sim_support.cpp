@@ -23,4 +23,10 @@ std::string importTone(Session& session, const Scratch& scratch) {
   return result["created"][1];
 }
 
+json withIds(std::string text, const std::map<char, std::string>& ids) {
+  for (const auto& [placeholder, id] : ids)
+    for (std::size_t at; (at = text.find(placeholder)) != std::string::npos;) text.replace(at, 1, id);
+  return json::parse(text);
+}
+
 }  // namespace tondrel::sim::test

@@ -1,7 +1,9 @@
-// What the simulator's tests share: a scratch folder and a project with audio in it.
+// What the simulator's tests share: a scratch folder, a project with audio in it,
+// and the message of a refusal.
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <string>
 
 #include "audio.hpp"
@@ -27,5 +29,19 @@ inline json edit(Session& session, json ops, const std::string& label = "") {
   if (!label.empty()) request["label"] = label;
   return applyEdit(session, request);
 }
+
+// "" when f succeeds, else the message of the SimError it throws.
+template <typename F>
+std::string refusal(F&& f) {
+  try {
+    f();
+    return "";
+  } catch (const SimError& error) {
+    return error.what();
+  }
+}
+
+// JSON text with each placeholder character ('$') replaced by the id given for it.
+json withIds(std::string text, const std::map<char, std::string>& ids);
 
 }  // namespace tondrel::sim::test
