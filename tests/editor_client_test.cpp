@@ -50,36 +50,6 @@ TEST(ApiBaseURL, PortComesFromTheEnvironmentWhenItIsASignedDecimal) {
   EXPECT_EQ(apiBaseURL({{"tondrel_api_port", "8080"}}), "http://127.0.0.1:17910");
 }
 
-// What reached the editor, for each way a request may carry a body.
-TEST(CurlTransport, SendsBodyAndContentTypeExactlyWhenThereIsABody) {
-  StandInEditor editor;
-  auto send = client(editor.base());
-  const std::string big(2 << 20, 'x');  // past the size where curl would wait for "100 Continue"
-  const struct {
-    const char* method;
-    const char* target;
-    std::optional<std::string> body;
-  } sent[] = {{"POST", "/v1/edit", R"({"ops":[]})"},
-              {"GET", "/v1/state", std::nullopt},
-              {"POST", "/v1/undo", std::nullopt},
-              {"PUT", "/v1/document", ""},
-              {"PUT", "/v1/document", big}};
-  for (const auto& request : sent) send(request.method, request.target, request.body);
-
-  auto requests = editor.requests();
-  ASSERT_EQ(requests.size(), std::size(sent));
-  for (std::size_t i = 0; i < requests.size(); ++i) {
-    const auto& r = requests[i];
-    EXPECT_EQ(r.method, sent[i].method) << i;
-    EXPECT_EQ(r.target, sent[i].target) << i;
-    EXPECT_TRUE(r.body == sent[i].body.value_or("")) << i;
-    EXPECT_EQ(r.headers.count("content-type") ? r.headers.at("content-type") : "none",
-              sent[i].body ? "application/json; charset=utf-8" : "none")
-        << i;
-    EXPECT_EQ(r.headers.count("expect"), 0u) << i;
-  }
-}
-
 TEST(CurlTransport, GivesBackStatusBodyAndHeadersAsReceived) {
   StandInEditor editor;
   for (int status : {200, 399, 404, 500}) {
