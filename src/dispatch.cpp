@@ -120,12 +120,11 @@ class Request {
     return *this;
   }
 
-  ToolResult send(const Transport& transport) {
+  void send(const Transport& transport, JsonWriter& out) {
     if (open_) json_.endObject();
-    APIResponse response =
-        transport(method_, path_, hasBody_ ? std::optional<std::string_view>(body_) : std::nullopt, nullptr);
-    return caption_.empty() ? textResult(std::move(response))
-                            : imageResult(std::move(response), std::string(caption_));
+    ResultSink sink(out, caption_);
+    sink.finish(transport(method_, path_, hasBody_ ? std::optional<std::string_view>(body_) : std::nullopt,
+                          &sink));
   }
 
  private:
@@ -210,23 +209,28 @@ static_assert(endpointsFollowTheCatalogue(), "one endpoint per catalogued tool, 
 
 }  // namespace
 
-ToolResult callTool(const Transport& transport, std::string_view name, const Members& args) {
+void callTool(const Transport& transport, std::string_view name, const Members& args, JsonWriter& out) {
   auto index = toolIndex(name);
-  if (!index) return failedResult("unknown tool " + std::string(name));
+  if (!index) return writeToolResult(out, failedResult("unknown tool " + std::string(name)));
+  auto mark = out.mark();
   bool sent = false;
+  ToolResult failure;
   try {
     std::string body;
     Request request(args, body);
     kEndpoints[*index].branch(request);
     sent = true;
-    return request.send(transport);
+    return request.send(transport, out);
   } catch (const ProxyError& error) {
-    return failedResult(error.description());
+    failure = failedResult(error.description());
   } catch (const std::bad_alloc&) {
-    return outOfMemory(sent);
+    failure = outOfMemory(sent);
   } catch (const std::length_error&) {
-    return outOfMemory(sent);
+    failure = outOfMemory(sent);
   }
+  // Part of the answer may already be written: the failure takes its place.
+  out.rollBack(mark);
+  writeToolResult(out, failure);
 }
 
 }  // namespace tondrel

@@ -14,9 +14,11 @@ namespace tondrel {
 inline constexpr std::string_view kAnswerTooLarge =
     "The editor's answer was too large for the memory available.";
 
-// Carries out a call of a catalogued tool; every failure comes back as a result
-// marked as an error, with the text the agent reads.
-ToolResult callTool(const Transport& transport, std::string_view name, const Members& args);
+// Carries out a call of a catalogued tool and writes its result into out as the
+// editor's answer arrives; every failure comes back as a result marked as an
+// error, with the text the agent reads, in place of anything written before it.
+// Throws only std::bad_alloc, when not even that result fits.
+void callTool(const Transport& transport, std::string_view name, const Members& args, JsonWriter& out);
 
 // A query value made safe for the editor's URL: percent-encoded outside the
 // characters a query may carry, and "&" and "+" encoded too so that they stay data.

@@ -165,6 +165,101 @@ JsonWriter& JsonWriter::lossyString(std::string_view bytes) {
 }
 
 JsonWriter& JsonWriter::base64String(std::string_view bytes) {
+  separate();
+  // Room for the whole encoding and what usually follows it, so the buffer never
+  // grows (and copies) mid-way.
+  out_.reserve(out_.size() + (bytes.size() + 2) / 3 * 4 + kSlack);
+  out_.push_back('"');
+  base64(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  out_.push_back('"');
+  return *this;
+}
+
+JsonWriter& JsonWriter::beginString() {
+  separate();
+  out_.push_back('"');
+  return *this;
+}
+
+void JsonWriter::base64Piece(std::string_view bytes, std::string& carry) {
+  if (!carry.empty()) {
+    std::size_t taken = std::min(bytes.size(), 3 - carry.size());
+    carry.append(bytes.substr(0, taken));
+    bytes.remove_prefix(taken);
+    if (carry.size() < 3) return;
+    base64(reinterpret_cast<const unsigned char*>(carry.data()), 3);
+    carry.clear();
+  }
+  std::size_t whole = bytes.size() - bytes.size() % 3;
+  grow(whole / 3 * 4);
+  base64(reinterpret_cast<const unsigned char*>(bytes.data()), whole);
+  carry.assign(bytes.substr(whole));
+}
+
+JsonWriter& JsonWriter::endBase64String(std::string& carry) {
+  base64(reinterpret_cast<const unsigned char*>(carry.data()), carry.size());
+  carry.clear();
+  out_.push_back('"');
+  return *this;
+}
+
+void JsonWriter::lossyPiece(std::string_view bytes, std::string& carry) {
+  if (!carry.empty()) {
+    // The sequences that begin in the carried bytes, judged with what follows them:
+    // no sequence is longer than four bytes.
+    std::string joined = carry, repaired;
+    joined.append(bytes.substr(0, std::min<std::size_t>(bytes.size(), 3)));
+    std::size_t i = 0;
+    while (i < carry.size()) {
+      std::size_t bad = 0, length = sequenceLength(joined, i, bad);
+      if (length == 0 && i + bad >= joined.size() && joined.size() == carry.size() + bytes.size()) {
+        escaped(repaired);
+        carry.erase(0, i);
+        carry.append(bytes);
+        return;
+      }
+      if (length == 0) {
+        repaired += "\xEF\xBF\xBD";
+        i += bad;
+      } else {
+        repaired.append(joined, i, length);
+        i += length;
+      }
+    }
+    escaped(repaired);
+    bytes.remove_prefix(i - carry.size());
+    carry.clear();
+  }
+  // A sequence the piece ends inside waits for the rest. The decoder starts a
+  // sequence at every byte from 0xC0 up (no sequence takes one as a continuation),
+  // so the split falls where it would have started anyway.
+  std::size_t end = bytes.size();
+  for (std::size_t back = 1; back <= std::min<std::size_t>(3, bytes.size()); ++back) {
+    auto c = static_cast<unsigned char>(bytes[bytes.size() - back]);
+    if (c >= 0x80 && c < 0xC0) continue;
+    std::size_t expected = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
+    if (expected > back) end = bytes.size() - back;
+    break;
+  }
+  std::string repaired;
+  escaped(decodeUtf8(bytes.substr(0, end), repaired));
+  carry.assign(bytes.substr(end));
+}
+
+JsonWriter& JsonWriter::endLossyString(std::string& carry) {
+  std::string repaired;
+  escaped(decodeUtf8(carry, repaired));
+  carry.clear();
+  out_.push_back('"');
+  return *this;
+}
+
+void JsonWriter::grow(std::size_t more) {
+  std::size_t needed = out_.size() + more + kSlack;
+  if (needed > out_.capacity()) out_.reserve(std::max(needed, out_.capacity() + out_.capacity() / 2));
+}
+
+void JsonWriter::base64(const unsigned char* src, std::size_t n) {
   static constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   // Two characters per 12 bits: half the lookups of one per 6 bits.
   static const auto kPairs = [] {
@@ -172,13 +267,8 @@ JsonWriter& JsonWriter::base64String(std::string_view bytes) {
     for (int i = 0; i < 4096; ++i) pairs[2 * i] = kAlphabet[i >> 6], pairs[2 * i + 1] = kAlphabet[i & 63];
     return pairs;
   }();
-  separate();
-  // Room for the whole encoding and what usually follows it, so the buffer never
-  // grows (and copies) mid-way; chunks through a small buffer spare a zero-fill.
-  out_.reserve(out_.size() + (bytes.size() + 2) / 3 * 4 + kSlack);
-  out_.push_back('"');
-  auto src = reinterpret_cast<const unsigned char*>(bytes.data());
-  std::size_t n = bytes.size(), i = 0;
+  // Chunks through a small buffer spare the zero-fill of resizing first.
+  std::size_t i = 0;
   char chunk[4096];
   while (i + 3 <= n) {
     char* dst = chunk;
@@ -195,8 +285,6 @@ JsonWriter& JsonWriter::base64String(std::string_view bytes) {
                     '='};
     out_.append(tail, 4);
   }
-  out_.push_back('"');
-  return *this;
 }
 
 JsonWriter& JsonWriter::number(std::int64_t value) {
@@ -275,12 +363,18 @@ JsonWriter& JsonWriter::raw(std::string_view json) {
 }
 
 void JsonWriter::quoted(std::string_view text) {
+  out_.push_back('"');
+  escaped(text);
+  out_.push_back('"');
+}
+
+void JsonWriter::escaped(std::string_view text) {
   // Sized exactly, then written through a pointer: an editor document is JSON text
   // itself, with a quote every few bytes, so escapes are found a word at a time and
   // everything is stored eight bytes at a time, each store overwritten by the next
   // (hence eight bytes of room past the end while writing).
   const char* end = text.data() + text.size();
-  std::size_t size = text.size() + 2;
+  std::size_t size = text.size();
   const char* p = text.data();
   for (; end - p >= 8; p += 8) {
     std::uint64_t w = load(p);
@@ -291,10 +385,9 @@ void JsonWriter::quoted(std::string_view text) {
   for (; p < end; ++p) size += kEscapes.extra[static_cast<unsigned char>(*p)];
 
   std::size_t at = out_.size();
-  if (size > kSlack) out_.reserve(at + size + kSlack);  // the rest of the message goes in without a copy
+  if (size > kSlack) grow(size);  // the rest of the message goes in without a copy
   out_.resize(at + size + 8);
   char* o = out_.data() + at;
-  *o++ = '"';
   auto escape = [&o](unsigned char c) {
     store(o, kEscapes.text[c]);
     o += kEscapes.extra[c] + 1;
@@ -322,7 +415,6 @@ void JsonWriter::quoted(std::string_view text) {
       *o++ = static_cast<char>(c);
     }
   }
-  *o = '"';
   out_.resize(at + size);
 }
 

@@ -145,7 +145,7 @@ void TondrelMCPServer::callToolRequest(const Members& params, JsonWriter& out) {
   out.key("result");
   auto mark = out.mark();
   try {
-    writeToolResult(out, callTool(transport_, name, Members(params["arguments"])));
+    callTool(transport_, name, Members(params["arguments"]), out);
   } catch (const std::bad_alloc&) {
     out.rollBack(mark);
     writeToolResult(out, failedResult(std::string(kAnswerTooLarge)));

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 namespace tondrel {
 namespace {
@@ -142,6 +144,93 @@ TEST(ToolResults, ImageOnlyForA200ThatIsNotJson) {
   for (const auto& [status, type, body, expected] : cases)
     EXPECT_EQ(written(imageResult(answer(status, type, body), "Snapshot of the Tondrel window.")), expected)
         << status << " " << type;
+}
+
+}  // namespace
+}  // namespace tondrel
+
+namespace tondrel {
+namespace {
+
+// What the sink writes from pieces of every size, against writing the whole answer.
+std::string streamed(const APIResponse& response, std::string_view caption, std::size_t pieceSize) {
+  std::string out;
+  JsonWriter writer(out);
+  ResultSink sink(writer, caption);
+  APIResponse head = response;
+  head.data.clear();
+  sink.head(head);
+  for (std::size_t at = 0; at < response.data.size(); at += pieceSize)
+    sink.body(std::string_view(response.data).substr(at, pieceSize));
+  sink.finish(head);
+  return out;
+}
+
+TEST(ToolResults, StreamedResultsEqualWholeOnesWhereverPiecesSplit) {
+  const std::string caption = "Snapshot of the Tondrel window.";
+  const std::tuple<int, std::string, std::string> cases[] = {
+      {200, "application/json", ""},
+      {200, "application/json", R"({"name":"Gitarre ü/1","gain":-3.25})"},
+      {404, "application/json", "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 \"q\" \\ \n\x01"},
+      {200, "text/plain", "\xF0\x9F\x98\xF0\x9F\x98\x80\xE0\x80\x80\xED\xA0\x80\xC2z\xFF\xF4\x90\x80\x80"},
+      {200, "text/plain", "ends inside \xE2\x82"},
+      {200, "text/plain", "ends inside \xF0\x9F\x98"},
+      {200, "text/plain", "\xC2"},
+      {200, "image/png", ""},
+      {200, "image/png", "\x89PNG\r\n\x1A\nabcdefg"},
+      {200, "IMAGE/JPEG; q=1", "ab"},
+      {200, "application/json", "\x89PNG"},
+      {500, "image/png", "down \xFF"},
+  };
+  for (const auto& [status, type, body] : cases) {
+    APIResponse response = answer(status, type, body);
+    std::string text = written(textResult(response)), image = written(imageResult(response, caption));
+    for (std::size_t pieceSize : {1, 2, 3, 4, 5, 7, 64}) {
+      EXPECT_EQ(streamed(response, "", pieceSize), text) << body << " in pieces of " << pieceSize;
+      EXPECT_EQ(streamed(response, caption, pieceSize), image) << body << " in pieces of " << pieceSize;
+    }
+  }
+}
+
+TEST(ToolResults, AnAnswerThatDidNotStreamIsWrittenFromItsData) {
+  std::string out;
+  JsonWriter writer(out);
+  ResultSink sink(writer, "");
+  sink.finish(answer(404, "text/plain", "gone"));
+  EXPECT_EQ(out, written(textResult(answer(404, "text/plain", "gone"))));
+}
+
+}  // namespace
+}  // namespace tondrel
+
+namespace tondrel {
+namespace {
+
+// An editor that dies midway through its answer: what was written of it goes.
+TEST(ToolResults, AFailureMidwayReplacesWhatWasWritten) {
+  const std::string tooLarge = "The editor's answer was too large for the memory available.";
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[] { throw ProxyError::unreachable("http://127.0.0.1:1"); },
+       "Tondrel is not reachable at http://127.0.0.1:1 \xE2\x80\x94 launch /Applications/Tondrel.app and retry."},
+      {[] { throw std::bad_alloc(); }, tooLarge},
+      {[] { throw std::length_error("reserve"); }, tooLarge},
+  };
+  for (const auto& [fail, text] : cases) {
+    for (const char* tool : {"tondrel_document", "tondrel_snapshot"}) {
+      TondrelMCPServer server(
+          [&fail](std::string_view, std::string_view, std::optional<std::string_view>, AnswerSink* sink) {
+            sink->head(answer(200, "image/png", ""));
+            sink->body(std::string(100000, 'x'));
+            fail();
+            return APIResponse{};
+          },
+          "http://127.0.0.1:1", "0.9.0");
+      auto line = server.handle(std::string(R"({"id":1,"method":"tools/call","params":{"name":")") + tool + "\"}}");
+      EXPECT_EQ(line, R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":")" + text +
+                          R"("}],"isError":true}})")
+          << tool;
+    }
+  }
 }
 
 }  // namespace
