@@ -255,8 +255,8 @@ JsonWriter& JsonWriter::endLossyString(std::string& carry) {
 }
 
 void JsonWriter::grow(std::size_t more) {
-  std::size_t needed = out_.size() + more + kSlack;
-  if (needed > out_.capacity()) out_.reserve(std::max(needed, out_.capacity() + out_.capacity() / 2));
+  if (out_.size() + more + 8 <= out_.capacity()) return;
+  out_.reserve(std::max(out_.size() + more + kSlack, out_.capacity() + out_.capacity() / 2));
 }
 
 void JsonWriter::base64(const unsigned char* src, std::size_t n) {
@@ -385,7 +385,7 @@ void JsonWriter::escaped(std::string_view text) {
   for (; p < end; ++p) size += kEscapes.extra[static_cast<unsigned char>(*p)];
 
   std::size_t at = out_.size();
-  if (size > kSlack) grow(size);  // the rest of the message goes in without a copy
+  grow(size);  // the rest of the message goes in without a copy
   out_.resize(at + size + 8);
   char* o = out_.data() + at;
   auto escape = [&o](unsigned char c) {

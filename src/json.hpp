@@ -53,8 +53,9 @@ class JsonWriter {
   // As base64String, over all the pieces together.
   void base64Piece(std::string_view bytes, std::string& carry);
   JsonWriter& endBase64String(std::string& carry);
-  // Room for size more bytes, so that a large string written in pieces is never copied to grow.
-  void reserve(std::size_t size) { out_.reserve(out_.size() + size); }
+  // Room for size more bytes and the rest of the message, so that a large string
+  // written in pieces is never copied to grow.
+  void reserve(std::size_t size) { out_.reserve(out_.size() + size + 8192); }
 
   // Where the output stands, to go back to when what follows cannot be finished.
   struct Mark {
