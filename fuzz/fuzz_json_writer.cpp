@@ -71,7 +71,7 @@ void checkSplit(std::string_view line) {
         "the forwarded member is where the parser finds it", split->line);
   std::string written;
   tondrel::JsonWriter(written).value(value);
-  check(written == split->json, "the forwarded text is what the writer writes", split->json + "\n" + written);
+  check(written == split->json(), "the forwarded text is what the writer writes", std::string(split->json()) + "\n" + written);
   check(reduced["params"]["arguments"][split->key].get(standIn) == simdjson::SUCCESS &&
             standIn.type() == value.type(),
         "the stand-in has the forwarded value's kind", split->line);

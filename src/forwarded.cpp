@@ -78,34 +78,40 @@ constexpr auto kStops = [] {
   return stops;
 }();
 
+// Most text arrives compact already: while what would be written is the text
+// itself, nothing is written, and the value can be sent from where it lies.
 class Compactor {
  public:
   explicit Compactor(std::string& out) : out_(out) {}
 
-  // Writes the value at c; where it ends, or nullptr.
+  // Writes the value at c (or finds it unchanged); where it ends, or nullptr.
   const char* run(Cursor c) {
     std::array<char, kMaxDepth> open;  // '{' or '[' for each level
     std::size_t depth = 0;
     c.blanks();
+    same_ = upTo_ = c.p;
+    end_ = c.end;
   value:
     switch (c.peek()) {
       case '{':
+        keep(c.p, c.p + 1);
         ++c.p;
-        out_ += '{';
         c.blanks();
-        if (c.eat('}')) {
-          out_ += '}';
+        if (c.peek() == '}') {
+          keep(c.p, c.p + 1);
+          ++c.p;
           goto next;
         }
         if (depth == kMaxDepth) return nullptr;
         open[depth++] = '{';
         goto member;
       case '[':
+        keep(c.p, c.p + 1);
         ++c.p;
-        out_ += '[';
         c.blanks();
-        if (c.eat(']')) {
-          out_ += ']';
+        if (c.peek() == ']') {
+          keep(c.p, c.p + 1);
+          ++c.p;
           goto next;
         }
         if (depth == kMaxDepth) return nullptr;
@@ -130,31 +136,64 @@ class Compactor {
   member:
     if (c.peek() != '"' || !string(c)) return nullptr;
     c.blanks();
-    if (!c.eat(':')) return nullptr;
-    out_ += ':';
+    if (c.peek() != ':') return nullptr;
+    keep(c.p, c.p + 1);
+    ++c.p;
     c.blanks();
     goto value;
   next:
     if (depth == 0) return c.p;
     c.blanks();
-    if (c.eat(',')) {
-      out_ += ',';
+    if (c.peek() == ',') {
+      keep(c.p, c.p + 1);
+      ++c.p;
       c.blanks();
       if (open[depth - 1] == '{') goto member;
       goto value;
     }
-    if (c.eat(open[depth - 1] == '{' ? '}' : ']')) {
-      out_ += open[--depth] == '{' ? '}' : ']';
+    if (c.peek() == (open[depth - 1] == '{' ? '}' : ']')) {
+      keep(c.p, c.p + 1);
+      ++c.p;
+      --depth;
       goto next;
     }
     return nullptr;
   }
 
+  // The value's text when nothing had to change in it, else nothing (it is in out).
+  std::optional<std::string_view> unchanged() const {
+    if (!same_) return std::nullopt;
+    return std::string_view(same_, upTo_ - same_);
+  }
+  // Puts the value in out, whether or not it had to change.
+  void writeOut() {
+    if (!same_) return;
+    out_.reserve(out_.size() + (end_ - same_) + (end_ - same_) / 8);  // what is left, about
+    out_.append(same_, upTo_);
+    same_ = nullptr;
+  }
+
  private:
+  // Text that is written as it stands.
+  void keep(const char* from, const char* to) {
+    if (same_ && from == upTo_) {
+      upTo_ = to;
+      return;
+    }
+    writeOut();
+    out_.append(from, to);
+  }
+  // What the writer writes for the text [from, to), kept when it is that text.
+  void put(const char* from, const char* to, std::string_view written) {
+    if (written == std::string_view(from, to - from)) return keep(from, to);
+    writeOut();
+    out_ += written;
+  }
+
   bool literal(Cursor& c, std::string_view word) {
     if (std::string_view(c.p, std::min<std::size_t>(c.end - c.p, word.size())) != word) return false;
+    keep(c.p, c.p + word.size());
     c.p += word.size();
-    out_ += word;
     return true;
   }
 
@@ -166,7 +205,7 @@ class Compactor {
     while (c.p < c.end && !kStops[static_cast<unsigned char>(*c.p)]) ++c.p;
     if (c.p == c.end || static_cast<unsigned char>(*c.p) < 0x20) return false;
     if (*c.p == '"') {
-      out_.append(start, ++c.p);
+      keep(start, ++c.p);
       return true;
     }
     decoded_.assign(start + 1, c.p);
@@ -210,7 +249,9 @@ class Compactor {
       decoded_.append(run, c.p);
     }
     ++c.p;
-    JsonWriter(out_).string(decoded_);
+    written_.clear();
+    JsonWriter(written_).string(decoded_);
+    put(start, c.p, written_);
     return true;
   }
 
@@ -247,35 +288,36 @@ class Compactor {
       // Up to 18 digits always fit a signed 64-bit integer, written as it stands
       // but for "-0", which reads as the integer 0.
       if (integerDigits <= 18) {
-        if (negative && *integer == '0') {
-          out_ += '0';
-        } else {
-          out_ += token;
-        }
+        put(start, c.p, negative && *integer == '0' ? "0" : token);
         return true;
       }
-      JsonWriter writer(out_);
+      written_.clear();
+      JsonWriter writer(written_);
       std::int64_t signedValue;
       if (auto [end, error] = std::from_chars(start, c.p, signedValue); error == std::errc() && end == c.p) {
         writer.number(signedValue);
+        put(start, c.p, written_);
         return true;
       }
       std::uint64_t unsignedValue;
       if (auto [end, error] = std::from_chars(start, c.p, unsignedValue);
           !negative && error == std::errc() && end == c.p) {
         writer.number(unsignedValue);
+        put(start, c.p, written_);
         return true;
       }
       return false;
     }
     if (!exponent && plainDouble(integer, integerEnd, fraction, fractionEnd)) {
-      out_ += token;
+      keep(start, c.p);
       return true;
     }
     double value;
     auto [end, error] = std::from_chars(start, c.p, value);
     if (error != std::errc() || end != c.p) return false;
-    JsonWriter(out_).number(value);
+    written_.clear();
+    JsonWriter(written_).number(value);
+    put(start, c.p, written_);
     return true;
   }
 
@@ -298,7 +340,10 @@ class Compactor {
   }
 
   std::string& out_;
-  std::string decoded_;
+  const char* same_ = nullptr;  // the text written so far is [same_, upTo_), when not yet in out
+  const char* upTo_ = nullptr;
+  const char* end_ = nullptr;
+  std::string decoded_, written_;
 };
 
 bool isDelimiter(char c) {
@@ -375,10 +420,14 @@ Cursor cursor(std::string_view text) {
 bool writeCompact(std::string_view text, std::string& out) {
   std::size_t mark = out.size();
   Cursor c = cursor(text);
-  if (const char* end = Compactor(out).run(c)) {
+  Compactor compactor(out);
+  if (const char* end = compactor.run(c)) {
     c.p = end;
     c.blanks();
-    if (c.p == c.end) return true;
+    if (c.p == c.end) {
+      compactor.writeOut();
+      return true;
+    }
   }
   out.resize(mark);
   return false;
@@ -404,9 +453,10 @@ std::optional<ForwardedLine> splitForwarded(std::string_view line) {
   if (!arguments || !(*arguments)[0] || *(*arguments)[0] != kind) return std::nullopt;
   const char* value = (*arguments)[0];
   std::size_t before = value - line.data();
-  split.json.reserve(line.size() - before + (line.size() - before) / 8);
-  const char* end = Compactor(split.json).run({value, line.data() + line.size()});
+  Compactor compactor(split.written);
+  const char* end = compactor.run({value, line.data() + line.size()});
   if (!end) return std::nullopt;
+  split.as = compactor.unchanged();
   split.line.reserve(line.size() - (end - value) + 2 + simdjson::SIMDJSON_PADDING);
   split.line.append(line.substr(0, before)).append(kind == '{' ? "{}" : "[]").append(line.substr(end - line.data()));
   return split;

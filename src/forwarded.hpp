@@ -20,14 +20,18 @@ bool writeCompact(std::string_view text, std::string& out);
 // "document", tondrel_edit's "ops".
 struct ForwardedLine {
   std::string_view key;
-  std::string line;  // the line with that member's value replaced by {} or []
-  std::string json;  // the value as JsonWriter would write it
+  std::string line;                       // the line with that member's value replaced by {} or []
+  std::optional<std::string_view> as;     // the value in the line, when it stands as the writer writes it
+  std::string written;                    // else the value as the writer writes it
+
+  std::string_view json() const { return as ? *as : written; }
 };
 
 // Splits a tools/call line of either tool into the rest of the line and the
 // forwarded member's value, written compactly, when it can tell that parsing the
 // rest stands for parsing the whole line; nothing otherwise. The rest then
 // parses exactly when the whole line would, to the same values but for that one.
+// The split may refer to line, and lives no longer.
 std::optional<ForwardedLine> splitForwarded(std::string_view line);
 
 }  // namespace tondrel

@@ -159,7 +159,7 @@ void TondrelMCPServer::callToolRequest(const Members& params, JsonWriter& out) {
   auto mark = out.mark();
   try {
     std::optional<ForwardedArgument> forwarded;
-    if (forwarded_) forwarded = ForwardedArgument{forwarded_->key, forwarded_->json};
+    if (forwarded_) forwarded = ForwardedArgument{forwarded_->key, forwarded_->json()};
     callTool(transport_, name, Members(params["arguments"]), out, forwarded);
   } catch (const std::bad_alloc&) {
     out.rollBack(mark);

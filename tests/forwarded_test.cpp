@@ -123,7 +123,27 @@ TEST(SplitForwarded, TakesOutTheFirstForwardedMemberOfTheFirstParams) {
     if (!split) continue;
     EXPECT_EQ(split->key, *c.key);
     EXPECT_EQ(split->line, *c.rest);
-    EXPECT_EQ(split->json, *c.json);
+    EXPECT_EQ(split->json(), *c.json);
+  }
+}
+
+TEST(SplitForwarded, SendsCompactTextFromTheLineItself) {
+  const std::pair<std::string, bool> cases[] = {
+      {R"({"a":[1,-2.5,"é",true,null,{}],"b":"x\"y\\z\n\u0001"})", true},
+      {R"({"a":"\u00e9"})", false},
+      {R"({"a": 1})", false},
+      {R"({"a":-0})", false},
+      {R"({"a":1.50})", false},
+      {R"({"a":"\/"})", false},
+  };
+  for (const auto& [document, inPlace] : cases) {
+    std::string line = toolCall("tondrel_replace_document", R"({"document":)" + document + "}");
+    auto split = splitForwarded(line);
+    ASSERT_TRUE(split) << document;
+    EXPECT_EQ(split->as.has_value(), inPlace) << document;
+    if (inPlace) {
+      EXPECT_EQ(split->as->data(), line.data() + line.find(document)) << document;
+    }
   }
 }
 
