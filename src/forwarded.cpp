@@ -1,8 +1,10 @@
 #include "forwarded.hpp"
 
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 
 #include "json.hpp"
@@ -19,6 +21,8 @@ struct Cursor {
 
   char peek() const { return p < end ? *p : '\0'; }  // NUL is never valid outside a string
   void blanks() {
+    if (p < end && static_cast<unsigned char>(*p) > ' ') [[likely]]  // compact text has none
+      return;
     while (p < end && (*p == ' ' || *p == '\n' || *p == '\r' || *p == '\t')) ++p;
   }
   bool eat(char c) {
@@ -78,25 +82,49 @@ constexpr auto kStops = [] {
   return stops;
 }();
 
-// Most text arrives compact already: while what would be written is the text
-// itself, nothing is written, and the value can be sent from where it lies.
+// The high bit of each byte of a word (first byte lowest) that ends a plain run.
+std::uint64_t stopMask(std::uint64_t w) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL, kHighs = 0x8080808080808080ULL;
+  auto equal = [w](unsigned char c) {
+    std::uint64_t x = w ^ (c * kOnes);
+    return ~(((x & ~kHighs) + ~kHighs) | x) & kHighs;
+  };
+  return (~(((w & ~kHighs) + 0x60 * kOnes) | w) & kHighs) | equal('"') | equal('\\');
+}
+
+// Where the run of bytes a string holds as they stand ends, eight at a time.
+const char* plainRun(const char* p, const char* end) {
+  static_assert(std::endian::native == std::endian::little);
+  for (; end - p >= 8; p += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, p, 8);
+    if (std::uint64_t mask = stopMask(word)) return p + (std::countr_zero(mask) >> 3);
+  }
+  while (p < end && !kStops[static_cast<unsigned char>(*p)]) ++p;
+  return p;
+}
+
+// Most text arrives compact already, so a first pass only checks that the text
+// is what the writer would write, writing nothing: the value is then sent from
+// where it lies. Only when that fails does a second pass write it out.
+template <bool kWrite>
 class Compactor {
  public:
   explicit Compactor(std::string& out) : out_(out) {}
 
-  // Writes the value at c (or finds it unchanged); where it ends, or nullptr.
+  // Where the value at c ends, or nullptr: when checking, for anything that would
+  // not be written unchanged; when writing, for anything it does not handle.
   const char* run(Cursor c) {
     std::array<char, kMaxDepth> open;  // '{' or '[' for each level
     std::size_t depth = 0;
-    c.blanks();
-    same_ = upTo_ = c.p;
-    end_ = c.end;
+    if constexpr (kWrite) out_.reserve(out_.size() + (c.end - c.p) + (c.end - c.p) / 8);  // about
+    blanks(c);
   value:
     switch (c.peek()) {
       case '{':
         keep(c.p, c.p + 1);
         ++c.p;
-        c.blanks();
+        blanks(c);
         if (c.peek() == '}') {
           keep(c.p, c.p + 1);
           ++c.p;
@@ -108,7 +136,7 @@ class Compactor {
       case '[':
         keep(c.p, c.p + 1);
         ++c.p;
-        c.blanks();
+        blanks(c);
         if (c.peek() == ']') {
           keep(c.p, c.p + 1);
           ++c.p;
@@ -135,19 +163,19 @@ class Compactor {
     }
   member:
     if (c.peek() != '"' || !string(c)) return nullptr;
-    c.blanks();
+    blanks(c);
     if (c.peek() != ':') return nullptr;
     keep(c.p, c.p + 1);
     ++c.p;
-    c.blanks();
+    blanks(c);
     goto value;
   next:
     if (depth == 0) return c.p;
-    c.blanks();
+    blanks(c);
     if (c.peek() == ',') {
       keep(c.p, c.p + 1);
       ++c.p;
-      c.blanks();
+      blanks(c);
       if (open[depth - 1] == '{') goto member;
       goto value;
     }
@@ -160,34 +188,22 @@ class Compactor {
     return nullptr;
   }
 
-  // The value's text when nothing had to change in it, else nothing (it is in out).
-  std::optional<std::string_view> unchanged() const {
-    if (!same_) return std::nullopt;
-    return std::string_view(same_, upTo_ - same_);
-  }
-  // Puts the value in out, whether or not it had to change.
-  void writeOut() {
-    if (!same_) return;
-    out_.reserve(out_.size() + (end_ - same_) + (end_ - same_) / 8);  // what is left, about
-    out_.append(same_, upTo_);
-    same_ = nullptr;
-  }
-
  private:
+  // Compact text has no blanks: when checking, one fails the check where it stands.
+  static void blanks(Cursor& c) {
+    if constexpr (kWrite) c.blanks();
+  }
   // Text that is written as it stands.
   void keep(const char* from, const char* to) {
-    if (same_ && from == upTo_) {
-      upTo_ = to;
-      return;
-    }
-    writeOut();
-    out_.append(from, to);
+    if constexpr (kWrite) out_.append(from, static_cast<std::size_t>(to - from));
   }
-  // What the writer writes for the text [from, to), kept when it is that text.
-  void put(const char* from, const char* to, std::string_view written) {
-    if (written == std::string_view(from, to - from)) return keep(from, to);
-    writeOut();
-    out_ += written;
+  // What the writer writes for the text [from, to): when checking, it must be that text.
+  bool put(const char* from, const char* to, std::string_view written) {
+    if constexpr (kWrite) {
+      out_ += written;
+      return true;
+    }
+    return written == std::string_view(from, to - from);
   }
 
   bool literal(Cursor& c, std::string_view word) {
@@ -197,17 +213,20 @@ class Compactor {
     return true;
   }
 
-  // A string with no escape is copied as it stands, which is how the writer
-  // writes it (the line is valid UTF-8 by now); one with escapes is decoded and
-  // written by the writer itself.
+  // A string with no escape stands as the writer writes it (the line is valid
+  // UTF-8 by now); one with escapes is decoded and written by the writer itself.
   bool string(Cursor& c) {
     const char* start = c.p++;
-    while (c.p < c.end && !kStops[static_cast<unsigned char>(*c.p)]) ++c.p;
-    if (c.p == c.end || static_cast<unsigned char>(*c.p) < 0x20) return false;
-    if (*c.p == '"') {
+    c.p = plainRun(c.p, c.end);
+    if (c.p < c.end && *c.p == '"') [[likely]] {
       keep(start, ++c.p);
       return true;
     }
+    return escapedString(c, start);
+  }
+
+  [[gnu::noinline]] bool escapedString(Cursor& c, const char* start) {
+    if (c.p == c.end || static_cast<unsigned char>(*c.p) < 0x20) return false;
     decoded_.assign(start + 1, c.p);
     while (true) {
       char ch = c.peek();
@@ -245,14 +264,13 @@ class Compactor {
       }
       if (c.p == c.end || static_cast<unsigned char>(ch) < 0x20) return false;
       const char* run = c.p;
-      while (c.p < c.end && !kStops[static_cast<unsigned char>(*c.p)]) ++c.p;
+      c.p = plainRun(c.p, c.end);
       decoded_.append(run, c.p);
     }
     ++c.p;
     written_.clear();
     JsonWriter(written_).string(decoded_);
-    put(start, c.p, written_);
-    return true;
+    return put(start, c.p, written_);
   }
 
   bool number(Cursor& c) {
@@ -281,32 +299,28 @@ class Compactor {
       if (!isDigit(c.peek())) return false;
       while (isDigit(c.peek())) ++c.p;
     }
-    std::string_view token(start, c.p - start);
     std::size_t integerDigits = integerEnd - integer;
 
     if (!fraction && !exponent) {
-      // Up to 18 digits always fit a signed 64-bit integer, written as it stands
+      // Up to 18 digits always fit a signed 64-bit integer, written as they stand
       // but for "-0", which reads as the integer 0.
       if (integerDigits <= 18) {
-        put(start, c.p, negative && *integer == '0' ? "0" : token);
+        if (negative && *integer == '0') return put(start, c.p, "0");
+        keep(start, c.p);
         return true;
       }
       written_.clear();
       JsonWriter writer(written_);
       std::int64_t signedValue;
-      if (auto [end, error] = std::from_chars(start, c.p, signedValue); error == std::errc() && end == c.p) {
-        writer.number(signedValue);
-        put(start, c.p, written_);
-        return true;
-      }
       std::uint64_t unsignedValue;
-      if (auto [end, error] = std::from_chars(start, c.p, unsignedValue);
-          !negative && error == std::errc() && end == c.p) {
+      if (auto [end, error] = std::from_chars(start, c.p, signedValue); error == std::errc() && end == c.p)
+        writer.number(signedValue);
+      else if (auto [end, error] = std::from_chars(start, c.p, unsignedValue);
+               !negative && error == std::errc() && end == c.p)
         writer.number(unsignedValue);
-        put(start, c.p, written_);
-        return true;
-      }
-      return false;
+      else
+        return false;
+      return put(start, c.p, written_);
     }
     if (!exponent && plainDouble(integer, integerEnd, fraction, fractionEnd)) {
       keep(start, c.p);
@@ -317,8 +331,7 @@ class Compactor {
     if (error != std::errc() || end != c.p) return false;
     written_.clear();
     JsonWriter(written_).number(value);
-    put(start, c.p, written_);
-    return true;
+    return put(start, c.p, written_);
   }
 
   // Whether the writer writes the double of "I.F" as the same text: the shortest
@@ -340,11 +353,26 @@ class Compactor {
   }
 
   std::string& out_;
-  const char* same_ = nullptr;  // the text written so far is [same_, upTo_), when not yet in out
-  const char* upTo_ = nullptr;
-  const char* end_ = nullptr;
   std::string decoded_, written_;
 };
+
+// Writes the value at c into out, or finds it written so already (out untouched,
+// the value's text in unchanged); where it ends, or nullptr.
+const char* compact(Cursor c, std::string& out, std::optional<std::string_view>* unchanged) {
+  c.blanks();
+  if (const char* end = Compactor<false>(out).run(c)) {
+    if (unchanged) {
+      *unchanged = std::string_view(c.p, end - c.p);
+    } else {
+      out.append(c.p, end);
+    }
+    return end;
+  }
+  std::size_t mark = out.size();
+  if (const char* end = Compactor<true>(out).run(c)) return end;
+  out.resize(mark);
+  return nullptr;
+}
 
 bool isDelimiter(char c) {
   return c == ' ' || c == '\n' || c == '\r' || c == '\t' || c == ',' || c == ':' || c == '"' || c == '{' ||
@@ -420,14 +448,10 @@ Cursor cursor(std::string_view text) {
 bool writeCompact(std::string_view text, std::string& out) {
   std::size_t mark = out.size();
   Cursor c = cursor(text);
-  Compactor compactor(out);
-  if (const char* end = compactor.run(c)) {
+  if (const char* end = compact(c, out, nullptr)) {
     c.p = end;
     c.blanks();
-    if (c.p == c.end) {
-      compactor.writeOut();
-      return true;
-    }
+    if (c.p == c.end) return true;
   }
   out.resize(mark);
   return false;
@@ -453,10 +477,8 @@ std::optional<ForwardedLine> splitForwarded(std::string_view line) {
   if (!arguments || !(*arguments)[0] || *(*arguments)[0] != kind) return std::nullopt;
   const char* value = (*arguments)[0];
   std::size_t before = value - line.data();
-  Compactor compactor(split.written);
-  const char* end = compactor.run({value, line.data() + line.size()});
+  const char* end = compact({value, line.data() + line.size()}, split.written, &split.as);
   if (!end) return std::nullopt;
-  split.as = compactor.unchanged();
   split.line.reserve(line.size() - (end - value) + 2 + simdjson::SIMDJSON_PADDING);
   split.line.append(line.substr(0, before)).append(kind == '{' ? "{}" : "[]").append(line.substr(end - line.data()));
   return split;
