@@ -54,8 +54,12 @@ class JsonWriter {
   void base64Piece(std::string_view bytes, std::string& carry);
   JsonWriter& endBase64String(std::string& carry);
   // Room for size more bytes and the rest of the message, so that a large string
-  // written in pieces is never copied to grow.
-  void reserve(std::size_t size) { out_.reserve(out_.size() + size + 8192); }
+  // written in pieces is never copied to grow. Returns the output's bytes, the
+  // room included.
+  std::string_view reserve(std::size_t size) {
+    out_.reserve(out_.size() + size + 8192);
+    return {out_.data(), out_.size() + size};
+  }
 
   // Where the output stands, to go back to when what follows cannot be finished.
   struct Mark {

@@ -4,6 +4,8 @@
 #include <charconv>
 #include <optional>
 
+#include "huge_pages.hpp"
+
 namespace tondrel {
 
 ToolResult textResult(APIResponse response) {
@@ -59,6 +61,14 @@ void writeToolResult(JsonWriter& out, const ToolResult& result) {
   out.endObject();
 }
 
+namespace {
+
+void advise(std::string_view bytes) {
+  adviseHugePages(const_cast<char*>(bytes.data()), bytes.size());
+}
+
+}  // namespace
+
 void ResultSink::head(const APIResponse& head) {
   headed_ = true;
   std::size_t length = 0;
@@ -67,15 +77,20 @@ void ResultSink::head(const APIResponse& head) {
   auto type = caption_.empty() ? std::nullopt : imageType(head);
   // Room for the whole result as the announced length gives it, so that the
   // buffer is never copied to grow; a length that cannot fit fails here, early.
+  // Huge pages only where the answer is sure to reach: a partly used one at the
+  // end would count whole.
   out_.beginObject().key("content").beginArray();
   if (type) {
     image_ = true;
     mimeType_ = std::move(*type);
-    out_.reserve(length / 3 * 4 + 4);
+    advise(out_.reserve(length / 3 * 4 + 4));
     out_.beginObject().member("type", "image").key("data").beginString();
   } else {
     isError_ = head.status > 399;
-    out_.reserve(length + length / 4);  // JSON text gains an escape every few bytes
+    // JSON text gains an escape every few bytes: a sixteenth more is about as
+    // little as an editor's answer grows.
+    std::string_view room = out_.reserve(length + length / 4);
+    advise(room.substr(0, room.size() - length / 4 + length / 16));
     out_.beginObject().member("type", "text").key("text").beginString();
   }
 }
