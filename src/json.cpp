@@ -363,12 +363,10 @@ JsonWriter& JsonWriter::raw(std::string_view json) {
 }
 
 void JsonWriter::quoted(std::string_view text) {
-  out_.push_back('"');
-  escaped(text);
-  out_.push_back('"');
+  escaped(text, true);
 }
 
-void JsonWriter::escaped(std::string_view text) {
+void JsonWriter::escaped(std::string_view text, bool quotes) {
   // Sized exactly, then written through a pointer: an editor document is JSON text
   // itself, with a quote every few bytes, so escapes are found a word at a time and
   // everything is stored eight bytes at a time, each store overwritten by the next
@@ -384,10 +382,12 @@ void JsonWriter::escaped(std::string_view text) {
   }
   for (; p < end; ++p) size += kEscapes.extra[static_cast<unsigned char>(*p)];
 
+  if (quotes) size += 2;
   std::size_t at = out_.size();
-  grow(size);  // the rest of the message goes in without a copy
+  if (size > kSlack) grow(size);  // the rest of the message goes in without a copy
   out_.resize(at + size + 8);
   char* o = out_.data() + at;
+  if (quotes) *o++ = '"';
   auto escape = [&o](unsigned char c) {
     store(o, kEscapes.text[c]);
     o += kEscapes.extra[c] + 1;
@@ -415,6 +415,7 @@ void JsonWriter::escaped(std::string_view text) {
       *o++ = static_cast<char>(c);
     }
   }
+  if (quotes) *o = '"';
   out_.resize(at + size);
 }
 

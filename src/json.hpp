@@ -92,7 +92,7 @@ class JsonWriter {
     needComma_ = true;
   }
   void quoted(std::string_view text);
-  void escaped(std::string_view text);
+  void escaped(std::string_view text, bool quotes = false);
   void grow(std::size_t more);
   void base64(const unsigned char* bytes, std::size_t size);
 
