@@ -474,10 +474,11 @@ std::optional<ForwardedLine> splitForwarded(std::string_view line) {
     return std::nullopt;
   }
   auto arguments = members<1>({(*fields)[1], line.data() + line.size()}, {split.key});
-  if (!arguments || !(*arguments)[0] || *(*arguments)[0] != kind) return std::nullopt;
+  const char* end = line.data() + line.size();
+  if (!arguments || !(*arguments)[0] || (*arguments)[0] == end || *(*arguments)[0] != kind) return std::nullopt;
   const char* value = (*arguments)[0];
   std::size_t before = value - line.data();
-  const char* end = compact({value, line.data() + line.size()}, split.written, &split.as);
+  end = compact({value, end}, split.written, &split.as);
   if (!end) return std::nullopt;
   split.line.reserve(line.size() - (end - value) + 2 + simdjson::SIMDJSON_PADDING);
   split.line.append(line.substr(0, before)).append(kind == '{' ? "{}" : "[]").append(line.substr(end - line.data()));

@@ -10,11 +10,15 @@ namespace tondrel {
 
 void adviseHugePages([[maybe_unused]] void* block, [[maybe_unused]] std::size_t size) {
 #ifdef MADV_HUGEPAGE
-  constexpr std::uintptr_t kHuge = 2 << 20;
+  // The kernel maps a huge page wherever a whole aligned 2 MiB lies within the
+  // advice. Rounded out to whole pages, advice over a block of its own mapping
+  // covers all of it, so the mapping stays one piece: realloc can still move it by
+  // remapping, where a mapping split by advice would be copied.
+  constexpr std::uintptr_t kHuge = 2 << 20, kPage = 4096;
   if (size < 2 * kHuge) return;
-  auto begin = (reinterpret_cast<std::uintptr_t>(block) + kHuge - 1) & ~(kHuge - 1);
-  auto end = (reinterpret_cast<std::uintptr_t>(block) + size) & ~(kHuge - 1);
-  if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+  auto begin = reinterpret_cast<std::uintptr_t>(block) & ~(kPage - 1);
+  auto end = (reinterpret_cast<std::uintptr_t>(block) + size + kPage - 1) & ~(kPage - 1);
+  ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 #endif
 }
 

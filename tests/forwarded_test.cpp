@@ -116,6 +116,7 @@ TEST(SplitForwarded, TakesOutTheFirstForwardedMemberOfTheFirstParams) {
       {R"({"params":{"name":"tondrel_edi\u0074","arguments":{"ops":[]}}})", std::nullopt},
       {R"({"params":[{"name":"tondrel_edit","arguments":{"ops":[]}}]})", std::nullopt},
       {R"([{"params":{"name":"tondrel_edit","arguments":{"ops":[]}}}])", std::nullopt},
+      {R"({"params":{"name":"tondrel_edit","arguments":{"ops":)", std::nullopt},
   };
   for (const Case& c : cases) {
     auto split = splitForwarded(c.line);
