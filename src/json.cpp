@@ -418,6 +418,20 @@ void JsonWriter::quoted(std::string_view text) {
 }
 
 void JsonWriter::escaped(std::string_view text, bool quotes) {
+  // Keys and short values are mostly plain: copied at once, without sizing.
+  if (text.size() <= 24) {
+    unsigned char escapes = 0;
+    for (char c : text) escapes |= kEscapes.extra[static_cast<unsigned char>(c)];
+    if (!escapes) {
+      std::size_t at = out_.size();
+      out_.resize(at + text.size() + 2 * quotes);
+      char* o = out_.data() + at;
+      if (quotes) *o++ = '"';
+      std::memcpy(o, text.data(), text.size());
+      if (quotes) o[text.size()] = '"';
+      return;
+    }
+  }
   // Sized exactly, then written through a pointer: an editor document is JSON text
   // itself, with a quote every few bytes, so escapes are found a word at a time and
   // everything is stored eight bytes at a time, each store overwritten by the next
