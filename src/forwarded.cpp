@@ -2,7 +2,9 @@
 
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
@@ -326,9 +328,17 @@ class Compactor {
       keep(start, c.p);
       return true;
     }
-    double value;
-    auto [end, error] = std::from_chars(start, c.p, value);
-    if (error != std::errc() || end != c.p) return false;
+    // strtod rather than from_chars, which not every standard library has for
+    // doubles; correctly rounded in the "C" locale the bridge never leaves. Numbers
+    // it cannot give exactly (out of range, or below the normal range) go to the parser.
+    char text[64];
+    if (std::size_t(c.p - start) >= sizeof text) return false;
+    std::memcpy(text, start, c.p - start);
+    text[c.p - start] = '\0';
+    errno = 0;
+    char* end;
+    double value = std::strtod(text, &end);
+    if (errno != 0 || end != text + (c.p - start)) return false;
     written_.clear();
     JsonWriter(written_).number(value);
     return put(start, c.p, written_);
