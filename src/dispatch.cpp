@@ -71,9 +71,18 @@ std::string missing(std::string_view key) {
 
 // One request to the editor, as a tool's branch describes it: arguments are read
 // and checked first, and nothing is sent until the branch has finished.
+// An object or array argument: its parsed value, or the text it is forwarded as.
+struct Structured {
+  element value;
+  std::optional<std::string_view> json;
+};
+
 class Request {
  public:
-  Request(const Members& args, std::string& body) : args_(args), body_(body), json_(body) { body_.clear(); }
+  Request(const Members& args, std::optional<ForwardedArgument> forwarded, std::string& body)
+      : args_(args), forwarded_(forwarded), body_(body), json_(body) {
+    body_.clear();
+  }
 
   // A required non-empty string.
   std::string_view string(std::string_view key) const {
@@ -82,10 +91,11 @@ class Request {
     return *text;
   }
   // A required value of one JSON kind (an array or an object), possibly empty.
-  element structured(std::string_view key, element_type kind) const {
+  Structured structured(std::string_view key, element_type kind) const {
     auto value = args_[key];
     if (!value || value->type() != kind) throw ProxyError::badArguments(missing(key));
-    return *value;
+    if (forwarded_ && forwarded_->key == key) return {*value, forwarded_->json};
+    return {*value, std::nullopt};
   }
   // A non-empty string, or nothing for any other value.
   std::optional<std::string_view> optionalString(std::string_view key) const {
@@ -108,8 +118,11 @@ class Request {
     open_ = hasBody_ = true;
     return *this;
   }
-  Request& body(element value) {
-    json_.value(value);
+  Request& body(Structured value) {
+    if (value.json)
+      forwardedBody_ = value.json;  // sent from where it lies
+    else
+      json_.value(value.value);
     hasBody_ = true;
     return *this;
   }
@@ -123,6 +136,13 @@ class Request {
   Request& field(std::string_view key, element value) {
     json_.member(key, value);
     return *this;
+  }
+  Request& field(std::string_view key, Structured value) {
+    if (value.json) {
+      json_.key(key).raw(*value.json);
+      return *this;
+    }
+    return field(key, value.value);
   }
   // Each key present is copied unchanged, whatever its kind, null included.
   Request& forward(std::initializer_list<std::string_view> keys) {
@@ -154,17 +174,19 @@ class Request {
     return *this;
   }
 
-  ToolResult send(const Transport& transport) {
+  void send(const Transport& transport, JsonWriter& out) {
     if (open_) json_.endObject();
-    APIResponse response =
-        transport(method_, path_, hasBody_ ? std::optional<std::string_view>(body_) : std::nullopt, nullptr);
-    return caption_.empty() ? textResult(std::move(response))
-                            : imageResult(std::move(response), std::string(caption_));
+    ResultSink sink(out, caption_);
+    std::optional<std::string_view> body;
+    if (hasBody_) body = forwardedBody_ ? *forwardedBody_ : std::string_view(body_);
+    sink.finish(transport(method_, path_, body, &sink));
   }
 
  private:
   const Members& args_;
+  std::optional<ForwardedArgument> forwarded_;
   std::string& body_;
+  std::optional<std::string_view> forwardedBody_;
   JsonWriter json_;
   std::string_view method_;
   std::string path_;
@@ -244,23 +266,29 @@ static_assert(endpointsFollowTheCatalogue(), "one endpoint per catalogued tool, 
 
 }  // namespace
 
-ToolResult callTool(const Transport& transport, std::string_view name, const Members& args) {
+void callTool(const Transport& transport, std::string_view name, const Members& args, JsonWriter& out,
+              std::optional<ForwardedArgument> forwarded) {
   auto index = toolIndex(name);
-  if (!index) return failedResult("unknown tool " + std::string(name));
+  if (!index) return writeToolResult(out, failedResult("unknown tool " + std::string(name)));
+  auto mark = out.mark();
   bool sent = false;
+  ToolResult failure;
   try {
     std::string body;
-    Request request(args, body);
+    Request request(args, forwarded, body);
     kEndpoints[*index].branch(request);
     sent = true;
-    return request.send(transport);
+    return request.send(transport, out);
   } catch (const ProxyError& error) {
-    return failedResult(error.description());
+    failure = failedResult(error.description());
   } catch (const std::bad_alloc&) {
-    return outOfMemory(sent);
+    failure = outOfMemory(sent);
   } catch (const std::length_error&) {
-    return outOfMemory(sent);
+    failure = outOfMemory(sent);
   }
+  // Part of the answer may already be written: the failure takes its place.
+  out.rollBack(mark);
+  writeToolResult(out, failure);
 }
 
 }  // namespace tondrel

@@ -10,13 +10,17 @@ namespace tondrel {
 
 void adviseHugePages([[maybe_unused]] void* block, [[maybe_unused]] std::size_t size) {
 #ifdef MADV_HUGEPAGE
-  constexpr std::uintptr_t kHuge = 2 << 20;
+  // The kernel maps a huge page wherever a whole aligned 2 MiB lies within the
+  // advice. Rounded out to whole pages, advice over a block of its own mapping
+  // covers all of it, so the mapping stays one piece: realloc can still move it by
+  // remapping, where a mapping split by advice would be copied.
+  constexpr std::uintptr_t kHuge = 2 << 20, kPage = 4096;
   if (size < 2 * kHuge) return;
   auto address = reinterpret_cast<std::uintptr_t>(block);
-  auto begin = (address + kHuge - 1) & ~(kHuge - 1);
-  auto end = (address + size) & ~(kHuge - 1);
+  auto begin = address & ~(kPage - 1);
+  auto end = (address + size + kPage - 1) & ~(kPage - 1);
   // Offsets from the block itself, so the compiler still knows where the pointer points.
-  if (end > begin) ::madvise(static_cast<char*>(block) + (begin - address), end - begin, MADV_HUGEPAGE);
+  ::madvise(static_cast<char*>(block) - (address - begin), end - begin, MADV_HUGEPAGE);
 #endif
 }
 

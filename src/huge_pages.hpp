@@ -7,7 +7,7 @@
 
 namespace tondrel {
 
-// Asks for huge pages over the 2 MiB-aligned part of a large block; a no-op for
+// Asks for huge pages over the whole aligned 2 MiB stretches of a large block; a no-op for
 // small blocks and where the system has no such thing.
 void adviseHugePages(void* block, std::size_t size);
 

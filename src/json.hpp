@@ -41,6 +41,26 @@ class JsonWriter {
   // Text that is already one complete JSON value.
   JsonWriter& raw(std::string_view json);
 
+  // A string written in pieces as its bytes arrive, for a large answer that should
+  // never be held whole beside its escaped form. Between beginString() and the end
+  // call, only pieces of one kind go in; carry holds the 0-3 bytes of a piece
+  // that belong with the next one, and starts empty.
+  JsonWriter& beginString();
+  // As lossyString, over all the pieces together: a sequence split between two
+  // pieces is judged whole.
+  void lossyPiece(std::string_view bytes, std::string& carry);
+  JsonWriter& endLossyString(std::string& carry);
+  // As base64String, over all the pieces together.
+  void base64Piece(std::string_view bytes, std::string& carry);
+  JsonWriter& endBase64String(std::string& carry);
+  // Room for size more bytes and the rest of the message, so that a large string
+  // written in pieces is never copied to grow. Returns the output's bytes, the
+  // room included.
+  std::string_view reserve(std::size_t size) {
+    out_.reserve(out_.size() + size + 8192);
+    return {out_.data(), out_.size() + size};
+  }
+
   // Where the output stands, to go back to when what follows cannot be finished.
   struct Mark {
     std::size_t size;
@@ -72,6 +92,9 @@ class JsonWriter {
     needComma_ = true;
   }
   void quoted(std::string_view text);
+  void escaped(std::string_view text, bool quotes = false);
+  void grow(std::size_t more);
+  void base64(const unsigned char* bytes, std::size_t size);
 
   std::string& out_;
   bool needComma_ = false;

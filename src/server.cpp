@@ -4,6 +4,7 @@
 
 #include "catalogue.hpp"
 #include "dispatch.hpp"
+#include "forwarded.hpp"
 #include "tool_result.hpp"
 
 namespace tondrel {
@@ -12,6 +13,9 @@ namespace {
 constexpr std::size_t kPadding = simdjson::SIMDJSON_PADDING;
 // Past this a parser's or a scratch buffer's capacity is given back after the line.
 constexpr std::size_t kKeep = 1 << 20;
+// From this length a document or a batch of edits is forwarded from the line's
+// text; below it, parsing the whole line costs next to nothing.
+constexpr std::size_t kForwardFrom = 32 << 10;
 
 constexpr std::string_view kInstructions =
     "Controls the Tondrel macOS audio editor (waveforms, fades, copy-paste, multitrack, multi-format export, "
@@ -102,6 +106,15 @@ bool TondrelMCPServer::answer(std::string_view line, std::string& out) {
   text = trimWhitespace(text);
   if (text.empty()) return false;
 
+  // The forwarded member is parsed as an empty stand-in, and written from the text.
+  std::optional<ForwardedLine> forwarded;
+  if (text.size() >= kForwardFrom && (forwarded = splitForwarded(text))) text = forwarded->line;
+  forwarded_ = forwarded ? &*forwarded : nullptr;
+  struct Forget {
+    const ForwardedLine*& forwarded;
+    ~Forget() { forwarded = nullptr; }
+  } forget{forwarded_};
+
   simdjson::dom::element root;
   auto parsed = parser_.parse(text.data(), text.size(), false);
   if (parsed.error() == simdjson::MEMALLOC) throw std::bad_alloc();
@@ -145,7 +158,9 @@ void TondrelMCPServer::callToolRequest(const Members& params, JsonWriter& out) {
   out.key("result");
   auto mark = out.mark();
   try {
-    writeToolResult(out, callTool(transport_, name, Members(params["arguments"])));
+    std::optional<ForwardedArgument> forwarded;
+    if (forwarded_) forwarded = ForwardedArgument{forwarded_->key, forwarded_->json()};
+    callTool(transport_, name, Members(params["arguments"]), out, forwarded);
   } catch (const std::bad_alloc&) {
     out.rollBack(mark);
     writeToolResult(out, failedResult(std::string(kAnswerTooLarge)));

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "editor_client.hpp"
+#include "forwarded.hpp"
 #include "json.hpp"
 
 namespace tondrel {
@@ -50,6 +51,7 @@ class TondrelMCPServer {
   simdjson::dom::parser parser_;
   std::string padded_;    // a line copied so that the parser may read past its end
   std::string repaired_;  // a line whose invalid UTF-8 was replaced
+  const ForwardedLine* forwarded_ = nullptr;  // the line's forwarded member, while it is answered
 };
 
 }  // namespace tondrel

@@ -25,4 +25,26 @@ ToolResult imageResult(APIResponse response, std::string caption);
 ToolResult failedResult(std::string description);
 void writeToolResult(JsonWriter& out, const ToolResult& result);
 
+// Writes the tool result of an editor answer into out while the answer arrives,
+// byte for byte as writeToolResult would write textResult or imageResult of the
+// whole answer, without ever holding the answer whole. A caption asks for an
+// image result (when the answer is an image).
+class ResultSink final : public AnswerSink {
+ public:
+  ResultSink(JsonWriter& out, std::string_view caption) : out_(out), caption_(caption) {}
+
+  void head(const APIResponse& head) override;
+  void body(std::string_view piece) override;
+  // Closes the result once the transport has returned response; what it carries
+  // in data (a transport that did not stream) is written first.
+  void finish(const APIResponse& response);
+
+ private:
+  JsonWriter& out_;
+  std::string_view caption_;
+  bool headed_ = false, image_ = false, isError_ = false;
+  std::string mimeType_;
+  std::string carry_;  // bytes that belong with the next piece
+};
+
 }  // namespace tondrel

@@ -130,3 +130,30 @@ TEST(TrimWhitespace, StripsUnicodeWhitespaceFromBothEnds) {
   };
   for (const auto& [input, expected] : cases) EXPECT_EQ(trimWhitespace(input), expected) << input;
 }
+
+// Long inputs go through the wide path where the CPU has one: every length and
+// offset around its blocks of 24 bytes must match the plain encoding.
+TEST(JsonWriter, WritesTheSameBase64AtEveryLength) {
+  auto plain = [](std::string_view bytes) {
+    static const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text = "\"";
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+      std::uint32_t v = std::uint8_t(bytes[i]) << 16;
+      if (i + 1 < bytes.size()) v |= std::uint8_t(bytes[i + 1]) << 8;
+      if (i + 2 < bytes.size()) v |= std::uint8_t(bytes[i + 2]);
+      text += alphabet[v >> 18];
+      text += alphabet[(v >> 12) & 63];
+      text += i + 1 < bytes.size() ? alphabet[(v >> 6) & 63] : '=';
+      text += i + 2 < bytes.size() ? alphabet[v & 63] : '=';
+    }
+    return text + "\"";
+  };
+  std::mt19937 rng(5);
+  std::string bytes(10000, '\0');
+  for (char& c : bytes) c = static_cast<char>(rng());
+  for (std::size_t size : {0, 1, 23, 24, 31, 32, 33, 47, 48, 55, 56, 57, 100, 3071, 3072, 3073, 3104, 6200, 10000})
+    for (std::size_t offset : {0, 1, 5}) {
+      std::string_view input = std::string_view(bytes).substr(offset, std::min(size, bytes.size() - offset));
+      EXPECT_EQ(write([&](JsonWriter& w) { w.base64String(input); }), plain(input)) << size << " at " << offset;
+    }
+}

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "tool_result.hpp"
 
@@ -144,6 +146,137 @@ TEST(ToolResults, ImageOnlyForA200ThatIsNotJson) {
   for (const auto& [status, type, body, expected] : cases)
     EXPECT_EQ(written(imageResult(answer(status, type, body), "Snapshot of the Tondrel window.")), expected)
         << status << " " << type;
+}
+
+}  // namespace
+}  // namespace tondrel
+
+namespace tondrel {
+namespace {
+
+// What the sink writes from pieces of every size, against writing the whole answer.
+std::string streamed(const APIResponse& response, std::string_view caption, std::size_t pieceSize) {
+  std::string out;
+  JsonWriter writer(out);
+  ResultSink sink(writer, caption);
+  APIResponse head = response;
+  head.data.clear();
+  sink.head(head);
+  for (std::size_t at = 0; at < response.data.size(); at += pieceSize)
+    sink.body(std::string_view(response.data).substr(at, pieceSize));
+  sink.finish(head);
+  return out;
+}
+
+TEST(ToolResults, StreamedResultsEqualWholeOnesWhereverPiecesSplit) {
+  const std::string caption = "Snapshot of the Tondrel window.";
+  const std::tuple<int, std::string, std::string> cases[] = {
+      {200, "application/json", ""},
+      {200, "application/json", R"({"name":"Gitarre ü/1","gain":-3.25})"},
+      {404, "application/json", "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 \"q\" \\ \n\x01"},
+      {200, "text/plain", "\xF0\x9F\x98\xF0\x9F\x98\x80\xE0\x80\x80\xED\xA0\x80\xC2z\xFF\xF4\x90\x80\x80"},
+      {200, "text/plain", "ends inside \xE2\x82"},
+      {200, "text/plain", "ends inside \xF0\x9F\x98"},
+      {200, "text/plain", "\xC2"},
+      {200, "image/png", ""},
+      {200, "image/png", "\x89PNG\r\n\x1A\nabcdefg"},
+      {200, "IMAGE/JPEG; q=1", "ab"},
+      {200, "application/json", "\x89PNG"},
+      {500, "image/png", "down \xFF"},
+  };
+  for (const auto& [status, type, body] : cases) {
+    APIResponse response = answer(status, type, body);
+    std::string text = written(textResult(response)), image = written(imageResult(response, caption));
+    for (std::size_t pieceSize : {1, 2, 3, 4, 5, 7, 64}) {
+      EXPECT_EQ(streamed(response, "", pieceSize), text) << body << " in pieces of " << pieceSize;
+      EXPECT_EQ(streamed(response, caption, pieceSize), image) << body << " in pieces of " << pieceSize;
+    }
+  }
+}
+
+TEST(ToolResults, AnAnswerThatDidNotStreamIsWrittenFromItsData) {
+  std::string out;
+  JsonWriter writer(out);
+  ResultSink sink(writer, "");
+  sink.finish(answer(404, "text/plain", "gone"));
+  EXPECT_EQ(out, written(textResult(answer(404, "text/plain", "gone"))));
+}
+
+}  // namespace
+}  // namespace tondrel
+
+namespace tondrel {
+namespace {
+
+// An editor that dies midway through its answer: what was written of it goes.
+TEST(ToolResults, AFailureMidwayReplacesWhatWasWritten) {
+  const std::string tooLarge = "The editor's answer was too large for the memory available.";
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[] { throw ProxyError::unreachable("http://127.0.0.1:1"); },
+       "Tondrel is not reachable at http://127.0.0.1:1 \xE2\x80\x94 launch /Applications/Tondrel.app and retry."},
+      {[] { throw std::bad_alloc(); }, tooLarge},
+      {[] { throw std::length_error("reserve"); }, tooLarge},
+  };
+  for (const auto& [fail, text] : cases) {
+    for (const char* tool : {"tondrel_document", "tondrel_snapshot"}) {
+      TondrelMCPServer server(
+          [&fail](std::string_view, std::string_view, std::optional<std::string_view>, AnswerSink* sink) {
+            sink->head(answer(200, "image/png", ""));
+            sink->body(std::string(100000, 'x'));
+            fail();
+            return APIResponse{};
+          },
+          "http://127.0.0.1:1", "0.9.0");
+      auto line = server.handle(std::string(R"({"id":1,"method":"tools/call","params":{"name":")") + tool + "\"}}");
+      EXPECT_EQ(line, R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":")" + text +
+                          R"("}],"isError":true}})")
+          << tool;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tondrel
+
+namespace tondrel {
+namespace {
+
+// Lines long enough that the document or the edits are forwarded from the text:
+// what reaches the editor, and the answer, are what parsing the whole line gives.
+TEST(Handle, ForwardsALargeDocumentOrBatchAsTheWriterWouldWriteIt) {
+  const std::string pad(40 << 10, 'p');
+  const std::string parseError = R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})";
+  auto failed = [](std::string text) {
+    return R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":")" + text + R"("}],"isError":true}})";
+  };
+  const std::string ok = R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":"ok"}],"isError":false}})";
+  struct Case {
+    std::string tool, arguments, answer;
+    std::optional<std::string> body = std::nullopt;
+  } cases[] = {
+      {"tondrel_replace_document", R"({"document":{"pad":")" + pad + R"(","t":[1.50,1E2,-0,2.0,"\u00e9\/"]}})", ok,
+       R"({"pad":")" + pad + R"(","t":[1.5,100.0,0,2.0,"é/"]})"},
+      {"tondrel_replace_document", R"({"save":true,"document":{"a":1e400,"pad":")" + pad + R"("}})", parseError},
+      {"tondrel_replace_document", R"({"document":{"a":[1,],"pad":")" + pad + R"("}})", parseError},
+      {"tondrel_replace_document", R"({"document":{"pad":")" + pad + R"("}} , x)", parseError},
+      {"tondrel_replace_document", R"({"document":[")" + pad + R"("]})", failed("missing argument 'document'")},
+      {"tondrel_edit", R"({"label":"L","ops":[{"op":"a","s":")" + pad + R"("}]})", ok,
+       R"({"ops":[{"op":"a","s":")" + pad + R"("}],"label":"L"})"},
+      {"tondrel_edit", R"({"ops":[ ")" + pad + R"(" ],"label":3,"ops":{}})", ok, R"({"ops":[")" + pad + R"("]})"},
+  };
+  for (const auto& c : cases) {
+    std::optional<std::string> sent;
+    TondrelMCPServer server(
+        [&sent](std::string_view, std::string_view, std::optional<std::string_view> body, AnswerSink*) {
+          sent = body;
+          return answer(200, "application/json", "ok");
+        },
+        "http://127.0.0.1:1", "0.9.0");
+    std::string line = R"({"id":1,"method":"tools/call","params":{"name":")" + c.tool + R"(","arguments":)" +
+                       c.arguments + "}}";
+    EXPECT_EQ(server.handle(line), c.answer) << c.arguments.substr(0, 60);
+    EXPECT_EQ(sent, c.body) << c.arguments.substr(0, 60);
+  }
 }
 
 }  // namespace

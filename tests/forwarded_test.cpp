@@ -1,0 +1,153 @@
+#include "forwarded.hpp"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+#include <string>
+
+#include "json.hpp"
+
+namespace tondrel {
+namespace {
+
+// What the writer makes of text simdjson parses; nothing when it does not parse.
+std::optional<std::string> throughTheParser(std::string_view text) {
+  static simdjson::dom::parser parser;
+  simdjson::dom::element value;
+  if (parser.parse(std::string(text)).get(value) != simdjson::SUCCESS) return std::nullopt;
+  std::string out;
+  JsonWriter(out).value(value);
+  return out;
+}
+
+std::optional<std::string> compact(std::string_view text) {
+  std::string out = "kept";
+  if (!writeCompact(text, out)) {
+    EXPECT_EQ(out, "kept") << text;
+    return std::nullopt;
+  }
+  return out.substr(4);
+}
+
+TEST(WriteCompact, WritesWhatTheWriterWritesFromTheParsedValue) {
+  const char* const cases[] = {
+      R"( { "b" : 1 , "a" : [ true , false , null ] } )", R"([{},[],{"a":{}},[[]]])", R"({"k":1,"k":2})",
+      R"("a\/b\u00e9\ud83d\ude00\u0001\u001F\u0000\b\f\n\r\t\"\\")", "\"\x7f caf\xC3\xA9\"",
+      "0", "-0", "7", "-12", "123456789012345678", "1234567890123456789", "-9223372036854775808",
+      "18446744073709551615", "2.0", "-0.0", "0.0", "1.0", "120.0", "10000.0", "100000.0", "1000000.0",
+      "12340000.0", "0.15", "1.50", "0.1", "0.01", "0.001", "0.0001", "0.00012", "0.000012", "-3.25",
+      "123456789012345.6", "1234567890.123456", "0.1000000000000000055511151231257827", "1E2", "1e21",
+      "1e-7", "2.2250738585072014e-308", "1.7976931348623157e308", "-1e0", "[1e0,0e0,-0e-0]",
+  };
+  for (const char* text : cases) {
+    auto expected = throughTheParser(text);
+    ASSERT_TRUE(expected) << text;
+    EXPECT_EQ(compact(text), expected) << text;
+  }
+}
+
+// Refused either way: invalid text, and what the parser alone decides exactly.
+TEST(WriteCompact, LeavesToTheParserWhatItDoesNotHandleTheSame) {
+  const std::string cases[] = {
+      "", " ", "[1,]", R"({"a":1,})", "{,}", "[,1]", R"({"a" 1})", "{1:2}", "truex", "[true\"a\"]", "nul",
+      "01", "-01", "1.", ".5", "-", "1.5e", "1e+", "[1]x", "[1] [2]", "[", "]", "{\"a\":[}]", "\"abc",
+      "\"a\x01\"", "\"\\x\"", "\"\\u12\"", "\"\\ud800\"", "\"\\udc00\"", "\"\\ud800\\u0041\"",
+      "18446744073709551616", "-9223372036854775809", "123456789012345678901234", "1e400", "1e-400", "5e-324",
+      std::string(70, '1') + ".5",
+      std::string(600, '[') + std::string(600, ']'), std::string("[1,\0]", 5),
+  };
+  for (const std::string& text : cases) EXPECT_EQ(compact(text), std::nullopt) << text;
+}
+
+// Random documents of the kinds agents send, compared with the parser's path.
+TEST(WriteCompact, AgreesWithTheParserOnGeneratedDocuments) {
+  std::mt19937 rng(11);
+  auto pick = [&](int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); };
+  const char* const scalars[] = {"0", "-0", "1", "-7", "120.5", "2.50", "1e3", "-1.5E-3", "0.0001", "3.0",
+                                 "100000.0", "true", "false", "null", "\"x\"", "\"\\u00e9/\\\"\"", "\"\""};
+  std::function<std::string(int)> value = [&](int depth) -> std::string {
+    int kind = pick(depth > 4 ? 1 : 3);
+    if (kind == 0) {
+      if (pick(3)) return scalars[pick(std::size(scalars))];
+      char number[40];
+      std::snprintf(number, sizeof number, pick(2) ? "%.*f" : "%.*e", pick(18), (pick(2) ? -1 : 1) * (rng() / 7.0));
+      return number;
+    }
+    std::string text = kind == 1 ? "[" : "{";
+    for (int n = pick(5); n-- > 0;) {
+      if (text.size() > 1) text += pick(4) ? "," : " ,\n ";
+      if (kind == 2) text += "\"k" + std::to_string(pick(4)) + "\" : ";
+      text += value(depth + 1);
+    }
+    return text + (kind == 1 ? "]" : "}");
+  };
+  for (int n = 0; n < 2000; ++n) {
+    std::string text = value(0);
+    auto expected = throughTheParser(text), written = compact(text);
+    if (written) {
+      EXPECT_EQ(written, expected) << text;
+    }
+    EXPECT_TRUE(written || !expected || text.find_first_of("eE") != std::string::npos) << text;
+  }
+}
+
+std::string toolCall(std::string_view tool, std::string_view arguments) {
+  return R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":")" + std::string(tool) +
+         R"(","arguments":)" + std::string(arguments) + "}}";
+}
+
+TEST(SplitForwarded, TakesOutTheFirstForwardedMemberOfTheFirstParams) {
+  struct Case {
+    std::string line;
+    std::optional<std::string> key = std::nullopt, rest = std::nullopt, json = std::nullopt;
+  } cases[] = {
+      {toolCall("tondrel_replace_document", R"({"save":true,"document":{ "a" : [1.50] }})"), "document",
+       toolCall("tondrel_replace_document", R"({"save":true,"document":{}})"), R"({"a":[1.5]})"},
+      {toolCall("tondrel_edit", R"({"ops":[ {"op":"x"} ],"label":"L","ops":[]})"), "ops",
+       toolCall("tondrel_edit", R"({"ops":[],"label":"L","ops":[]})"), R"([{"op":"x"}])"},
+      {R"({"params":{"arguments":{"ops":[1]},"name":"tondrel_edit"},"params":{}})", "ops",
+       R"({"params":{"arguments":{"ops":[]},"name":"tondrel_edit"},"params":{}})", "[1]"},
+      {toolCall("tondrel_edit", R"({"ops":{}})"), std::nullopt},
+      {toolCall("tondrel_replace_document", R"({"document":[]})"), std::nullopt},
+      {toolCall("tondrel_replace_document", R"({"docu\u006dent":{},"document":{}})"), std::nullopt},
+      {toolCall("tondrel_replace_document", R"({"document":{"a":1e400}})"), std::nullopt},
+      {toolCall("tondrel_replace_document", R"({"document":{"a":}})"), std::nullopt},
+      {toolCall("tondrel_state", R"({"document":{}})"), std::nullopt},
+      {R"({"params":{"name":"tondrel_edi\u0074","arguments":{"ops":[]}}})", std::nullopt},
+      {R"({"params":[{"name":"tondrel_edit","arguments":{"ops":[]}}]})", std::nullopt},
+      {R"([{"params":{"name":"tondrel_edit","arguments":{"ops":[]}}}])", std::nullopt},
+      {R"({"params":{"name":"tondrel_edit","arguments":{"ops":)", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    auto split = splitForwarded(c.line);
+    ASSERT_EQ(split.has_value(), c.key.has_value()) << c.line;
+    if (!split) continue;
+    EXPECT_EQ(split->key, *c.key);
+    EXPECT_EQ(split->line, *c.rest);
+    EXPECT_EQ(split->json(), *c.json);
+  }
+}
+
+TEST(SplitForwarded, SendsCompactTextFromTheLineItself) {
+  const std::pair<std::string, bool> cases[] = {
+      {R"({"a":[1,-2.5,"é",true,null,{}],"b":"x\"y\\z\n\u0001"})", true},
+      {R"({"a":"\u00e9"})", false},
+      {R"({"a": 1})", false},
+      {R"({"a":-0})", false},
+      {R"({"a":1.50})", false},
+      {R"({"a":"\/"})", false},
+  };
+  for (const auto& [document, inPlace] : cases) {
+    std::string line = toolCall("tondrel_replace_document", R"({"document":)" + document + "}");
+    auto split = splitForwarded(line);
+    ASSERT_TRUE(split) << document;
+    EXPECT_EQ(split->as.has_value(), inPlace) << document;
+    if (inPlace) {
+      EXPECT_EQ(split->as->data(), line.data() + line.find(document)) << document;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tondrel
