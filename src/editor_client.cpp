@@ -109,19 +109,13 @@ class CurlClient {
     moved_ = 0;
     lastMoved_ = Clock::now();
     CURLcode code = curl_->easy_perform(easy_);
-    sink_ = nullptr;
     if (failure_) {
       response_ = APIResponse{};
       std::rethrow_exception(std::exchange(failure_, nullptr));
     }
     if (code != CURLE_OK) throw ProxyError::unreachable(base_);
-
-    long status = 0;
-    curl_->easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
-    response_.status = status;
-    if (auto found = response_.headers.find("content-type"); found != response_.headers.end())
-      response_.contentType = found->second;
-    if (sink && !headed_) sink->head(response_);
+    readHead();
+    headOnce();  // an answer without a body has not told the sink yet
     return std::move(response_);
   }
 
@@ -241,18 +235,27 @@ class CurlClient {
         self.response_.data.append(piece);
         return;
       }
-      if (!self.headed_) {
-        long status = 0;
-        self.curl_->easy_getinfo(self.easy_, CURLINFO_RESPONSE_CODE, &status);
-        self.response_.status = status;
-        if (auto found = self.response_.headers.find("content-type"); found != self.response_.headers.end())
-          self.response_.contentType = found->second;
-        self.headed_ = true;
-        self.sink_->head(self.response_);
-      }
+      self.headOnce();
       self.sink_->body(piece);
     });
     return ok ? size : 0;
+  }
+
+  // The status and content type of the answer, from what has arrived of it.
+  void readHead() {
+    long status = 0;
+    curl_->easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    response_.status = status;
+    if (auto found = response_.headers.find("content-type"); found != response_.headers.end())
+      response_.contentType = found->second;
+  }
+
+  // Tells the sink the head of the final answer, once.
+  void headOnce() {
+    if (headed_ || !sink_) return;
+    readHead();
+    headed_ = true;
+    sink_->head(response_);
   }
 
   static size_t onHeader(char* data, size_t, size_t size, void* user) {
@@ -264,6 +267,12 @@ class CurlClient {
   void header(std::string_view line) {
     if (line.starts_with("HTTP/")) {  // a new response begins (after a 1xx, say)
       response_.headers.clear();
+      return;
+    }
+    if (line == "\r\n" || line == "\n") {  // the head is complete: the sink may prepare for the body
+      long status = 0;
+      curl_->easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+      if (status >= 200) headOnce();
       return;
     }
     auto colon = line.find(':');

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -30,8 +31,13 @@ Child spawn(const Launch& launch) {
   for (auto& entry : entries) envp.push_back(entry.data());
   envp.push_back(nullptr);
 
+  // Tests start servers from several threads at once: no child may inherit another
+  // child's pipes, or that one would never see the end of its input.
+  static std::mutex spawning;
+  std::lock_guard lock(spawning);
   int in[2], out[2], err[2];
   if (::pipe(in) || ::pipe(out) || ::pipe(err)) throw std::runtime_error("pipe");
+  for (int fd : {in[1], out[0], err[0]}) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
   if (launch.nonBlockingOutput) ::fcntl(out[1], F_SETFL, O_NONBLOCK);
   pid_t pid = ::fork();
   if (pid == 0) {
