@@ -179,7 +179,8 @@ class Request {
     ResultSink sink(out, caption_);
     std::optional<std::string_view> body;
     if (hasBody_) body = forwardedBody_ ? *forwardedBody_ : std::string_view(body_);
-    sink.finish(transport(method_, path_, body, &sink));
+    transport(method_, path_, body, &sink);
+    sink.finish();
   }
 
  private:
@@ -251,9 +252,8 @@ constexpr Endpoint kEndpoints[] = {
      }},
 };
 
-ToolResult outOfMemory(bool sent) {
-  return failedResult(
-      std::string(sent ? kAnswerTooLarge : "The request was too large for the memory available."));
+std::string_view outOfMemory(bool sent) {
+  return sent ? kAnswerTooLarge : "The request was too large for the memory available.";
 }
 
 constexpr bool endpointsFollowTheCatalogue() {
@@ -269,10 +269,10 @@ static_assert(endpointsFollowTheCatalogue(), "one endpoint per catalogued tool, 
 void callTool(const Transport& transport, std::string_view name, const Members& args, JsonWriter& out,
               std::optional<ForwardedArgument> forwarded) {
   auto index = toolIndex(name);
-  if (!index) return writeToolResult(out, failedResult("unknown tool " + std::string(name)));
+  if (!index) return writeFailedResult(out, "unknown tool " + std::string(name));
   auto mark = out.mark();
   bool sent = false;
-  ToolResult failure;
+  std::string failure;
   try {
     std::string body;
     Request request(args, forwarded, body);
@@ -280,7 +280,7 @@ void callTool(const Transport& transport, std::string_view name, const Members& 
     sent = true;
     return request.send(transport, out);
   } catch (const ProxyError& error) {
-    failure = failedResult(error.description());
+    failure = error.description();
   } catch (const std::bad_alloc&) {
     failure = outOfMemory(sent);
   } catch (const std::length_error&) {
@@ -288,7 +288,7 @@ void callTool(const Transport& transport, std::string_view name, const Members& 
   }
   // Part of the answer may already be written: the failure takes its place.
   out.rollBack(mark);
-  writeToolResult(out, failure);
+  writeFailedResult(out, failure);
 }
 
 }  // namespace tondrel

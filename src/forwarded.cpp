@@ -4,8 +4,8 @@
 #include <bit>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
@@ -23,7 +23,7 @@ struct Cursor {
 
   char peek() const { return p < end ? *p : '\0'; }  // NUL is never valid outside a string
   void blanks() {
-    if (p < end && static_cast<unsigned char>(*p) > ' ') [[likely]]  // compact text has none
+    if (p<end&& static_cast<unsigned char>(*p)> ' ') [[likely]]  // compact text has none
       return;
     while (p < end && (*p == ' ' || *p == '\n' || *p == '\r' || *p == '\t')) ++p;
   }
@@ -238,14 +238,30 @@ class Compactor {
         char escape = c.peek();
         ++c.p;
         switch (escape) {
-          case '"': decoded_ += '"'; break;
-          case '\\': decoded_ += '\\'; break;
-          case '/': decoded_ += '/'; break;
-          case 'b': decoded_ += '\b'; break;
-          case 'f': decoded_ += '\f'; break;
-          case 'n': decoded_ += '\n'; break;
-          case 'r': decoded_ += '\r'; break;
-          case 't': decoded_ += '\t'; break;
+          case '"':
+            decoded_ += '"';
+            break;
+          case '\\':
+            decoded_ += '\\';
+            break;
+          case '/':
+            decoded_ += '/';
+            break;
+          case 'b':
+            decoded_ += '\b';
+            break;
+          case 'f':
+            decoded_ += '\f';
+            break;
+          case 'n':
+            decoded_ += '\n';
+            break;
+          case 'r':
+            decoded_ += '\r';
+            break;
+          case 't':
+            decoded_ += '\t';
+            break;
           case 'u': {
             char32_t unit;
             if (!hex4(c, unit)) return false;
@@ -260,7 +276,8 @@ class Compactor {
             appendUtf8(decoded_, unit);
             break;
           }
-          default: return false;
+          default:
+            return false;
         }
         continue;
       }
@@ -485,13 +502,16 @@ std::optional<ForwardedLine> splitForwarded(std::string_view line) {
   }
   auto arguments = members<1>({(*fields)[1], line.data() + line.size()}, {split.key});
   const char* end = line.data() + line.size();
-  if (!arguments || !(*arguments)[0] || (*arguments)[0] == end || *(*arguments)[0] != kind) return std::nullopt;
+  if (!arguments || !(*arguments)[0] || (*arguments)[0] == end || *(*arguments)[0] != kind)
+    return std::nullopt;
   const char* value = (*arguments)[0];
   std::size_t before = value - line.data();
   end = compact({value, end}, split.written, &split.as);
   if (!end) return std::nullopt;
   split.line.reserve(line.size() - (end - value) + 2 + simdjson::SIMDJSON_PADDING);
-  split.line.append(line.substr(0, before)).append(kind == '{' ? "{}" : "[]").append(line.substr(end - line.data()));
+  split.line.append(line.substr(0, before))
+      .append(kind == '{' ? "{}" : "[]")
+      .append(line.substr(end - line.data()));
   return split;
 }
 

@@ -13,16 +13,17 @@ namespace tondrel {
 // writes the same text once simdjson has parsed it, and says true; says false,
 // leaving out as it was, for anything it does not handle exactly the same way
 // (invalid JSON, nesting past 512 levels, integers past 64 bits, numbers too large
-// for a double or below its normal range, lone surrogates, numbers of 64 characters or more). text must end where the value ends.
+// for a double or below its normal range, lone surrogates, numbers of 64 characters or more). text must end
+// where the value ends.
 bool writeCompact(std::string_view text, std::string& out);
 
 // The member forwarded by the call on a line: tondrel_replace_document's
 // "document", tondrel_edit's "ops".
 struct ForwardedLine {
   std::string_view key;
-  std::string line;                       // the line with that member's value replaced by {} or []
-  std::optional<std::string_view> as;     // the value in the line, when it stands as the writer writes it
-  std::string written;                    // else the value as the writer writes it
+  std::string line;                    // the line with that member's value replaced by {} or []
+  std::optional<std::string_view> as;  // the value in the line, when it stands as the writer writes it
+  std::string written;                 // else the value as the writer writes it
 
   std::string_view json() const { return as ? *as : written; }
 };

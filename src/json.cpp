@@ -130,13 +130,13 @@ bool hasAvx2() {
   // Bytes 0-11 and 12-23 of a block to the two halves, then each group of three
   // as the four bytes b1 b0 b2 b1, from which the four 6-bit indices are cut.
   const __m256i halves = _mm256_setr_epi32(0, 1, 2, 0, 3, 4, 5, 0);
-  const __m256i groups = _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10, 1, 0, 2, 1, 4, 3, 5, 4,
-                                          7, 6, 8, 7, 10, 9, 11, 10);
+  const __m256i groups = _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10, 1, 0, 2, 1, 4, 3,
+                                          5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
   // What to add to an index for its character, looked up by which range it is in.
-  const __m256i offsets = _mm256_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-                                           '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0,
-                                           'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-                                           '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
+  const __m256i offsets = _mm256_setr_epi8(
+      'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
+      '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0, 'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
+      '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
   std::size_t i = 0;
   for (; i + 32 <= n; i += 24, dst += 32) {
     __m256i in = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i));

@@ -163,7 +163,7 @@ void TondrelMCPServer::callToolRequest(const Members& params, JsonWriter& out) {
     callTool(transport_, name, Members(params["arguments"]), out, forwarded);
   } catch (const std::bad_alloc&) {
     out.rollBack(mark);
-    writeToolResult(out, failedResult(std::string(kAnswerTooLarge)));
+    writeFailedResult(out, kAnswerTooLarge);
   }
 }
 

@@ -49,8 +49,8 @@ class TondrelMCPServer {
   std::string apiBase_;
   std::string version_;
   simdjson::dom::parser parser_;
-  std::string padded_;    // a line copied so that the parser may read past its end
-  std::string repaired_;  // a line whose invalid UTF-8 was replaced
+  std::string padded_;                        // a line copied so that the parser may read past its end
+  std::string repaired_;                      // a line whose invalid UTF-8 was replaced
   const ForwardedLine* forwarded_ = nullptr;  // the line's forwarded member, while it is answered
 };
 

@@ -122,8 +122,8 @@ std::to_chars_result shortestChars(char* first, char* last, double value) {
   // Apple's libc++ marks it unavailable outright below 13.3, so that even a run-time
   // check cannot call it: the oldest macOS we build for decides, when building.
   // TONDREL_DOUBLES_BY_PRINTF lets another system's build take the same path.
-#if defined(TONDREL_DOUBLES_BY_PRINTF) || \
-    (defined(__APPLE__) && defined(_LIBCPP_VERSION) && __ENVIRONMENT_MAC_OS_X_VERSION_MIN_REQUIRED__ < 130300)
+#if defined(TONDREL_DOUBLES_BY_PRINTF) || (defined(__APPLE__) && defined(_LIBCPP_VERSION) && \
+                                           __ENVIRONMENT_MAC_OS_X_VERSION_MIN_REQUIRED__ < 130300)
   return shortestCharsByPrintf(first, last, value);
 #else
   return std::to_chars(first, last, value);

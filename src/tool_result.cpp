@@ -8,13 +8,6 @@
 
 namespace tondrel {
 
-ToolResult textResult(APIResponse response) {
-  ToolResult result;
-  result.body = std::move(response.data);
-  result.isError = response.status > 399;
-  return result;
-}
-
 namespace {
 
 // The MIME type of an image result for this answer, or nothing when the answer is text.
@@ -28,37 +21,10 @@ std::optional<std::string> imageType(const APIResponse& response) {
 
 }  // namespace
 
-ToolResult imageResult(APIResponse response, std::string caption) {
-  auto type = imageType(response);
-  if (!type) return textResult(std::move(response));
-
-  ToolResult result;
-  result.kind = ToolResult::Kind::image;
-  result.mimeType = std::move(*type);
-  result.body = std::move(response.data);
-  result.caption = std::move(caption);
-  return result;
-}
-
-ToolResult failedResult(std::string description) {
-  ToolResult result;
-  result.body = std::move(description);
-  result.isError = true;
-  return result;
-}
-
-void writeToolResult(JsonWriter& out, const ToolResult& result) {
+void writeFailedResult(JsonWriter& out, std::string_view text) {
   out.beginObject().key("content").beginArray();
-  if (result.kind == ToolResult::Kind::image) {
-    out.beginObject().member("type", "image").key("data").base64String(result.body);
-    out.key("mimeType").lossyString(result.mimeType).endObject();  // header bytes may be anything
-    out.beginObject().member("type", "text").member("text", result.caption).endObject();
-    out.endArray();
-  } else {
-    out.beginObject().member("type", "text").key("text").lossyString(result.body).endObject();
-    out.endArray().member("isError", result.isError);
-  }
-  out.endObject();
+  out.beginObject().member("type", "text").key("text").lossyString(text).endObject();
+  out.endArray().member("isError", true).endObject();
 }
 
 namespace {
@@ -70,7 +36,6 @@ void advise(std::string_view bytes) {
 }  // namespace
 
 void ResultSink::head(const APIResponse& head) {
-  headed_ = true;
   std::size_t length = 0;
   if (auto found = head.headers.find("content-length"); found != head.headers.end())
     std::from_chars(found->second.data(), found->second.data() + found->second.size(), length);
@@ -102,9 +67,7 @@ void ResultSink::body(std::string_view piece) {
     out_.lossyPiece(piece, carry_);
 }
 
-void ResultSink::finish(const APIResponse& response) {
-  if (!headed_) head(response);
-  if (!response.data.empty()) body(response.data);
+void ResultSink::finish() {
   if (image_) {
     out_.endBase64String(carry_);
     out_.key("mimeType").lossyString(mimeType_).endObject();  // header bytes may be anything

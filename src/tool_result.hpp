@@ -9,40 +9,27 @@
 
 namespace tondrel {
 
-struct ToolResult {
-  enum class Kind { text, image };
-  Kind kind = Kind::text;
-  std::string body;      // text: the answer's bytes, repaired to UTF-8 when written; image: its bytes
-  bool isError = false;  // text only: the HTTP status was 400 or above
-  std::string mimeType;  // image only
-  std::string caption;   // image only
-};
-
-ToolResult textResult(APIResponse response);
-// The image result of a 200 answer that is not JSON; otherwise textResult.
-ToolResult imageResult(APIResponse response, std::string caption);
-// The result of a tool call that threw: its text is the error's description.
-ToolResult failedResult(std::string description);
-void writeToolResult(JsonWriter& out, const ToolResult& result);
+// The result of a tool call that failed: one text item, the agent's whole text,
+// marked as an error.
+void writeFailedResult(JsonWriter& out, std::string_view text);
 
 // Writes the tool result of an editor answer into out while the answer arrives,
-// byte for byte as writeToolResult would write textResult or imageResult of the
-// whole answer, without ever holding the answer whole. A caption asks for an
-// image result (when the answer is an image).
+// without ever holding the answer whole: a text result (its bytes repaired to
+// UTF-8, "isError" for a status of 400 and above), or, when a caption is given and
+// the answer is a 200 that is not JSON, an image result with that caption.
 class ResultSink final : public AnswerSink {
  public:
   ResultSink(JsonWriter& out, std::string_view caption) : out_(out), caption_(caption) {}
 
   void head(const APIResponse& head) override;
   void body(std::string_view piece) override;
-  // Closes the result once the transport has returned response; what it carries
-  // in data (a transport that did not stream) is written first.
-  void finish(const APIResponse& response);
+  // Closes the result once the transport has returned (and so given the head).
+  void finish();
 
  private:
   JsonWriter& out_;
   std::string_view caption_;
-  bool headed_ = false, image_ = false, isError_ = false;
+  bool image_ = false, isError_ = false;
   std::string mimeType_;
   std::string carry_;  // bytes that belong with the next piece
 };

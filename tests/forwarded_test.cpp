@@ -32,13 +32,47 @@ std::optional<std::string> compact(std::string_view text) {
 
 TEST(WriteCompact, WritesWhatTheWriterWritesFromTheParsedValue) {
   const char* const cases[] = {
-      R"( { "b" : 1 , "a" : [ true , false , null ] } )", R"([{},[],{"a":{}},[[]]])", R"({"k":1,"k":2})",
-      R"("a\/b\u00e9\ud83d\ude00\u0001\u001F\u0000\b\f\n\r\t\"\\")", "\"\x7f caf\xC3\xA9\"",
-      "0", "-0", "7", "-12", "123456789012345678", "1234567890123456789", "-9223372036854775808",
-      "18446744073709551615", "2.0", "-0.0", "0.0", "1.0", "120.0", "10000.0", "100000.0", "1000000.0",
-      "12340000.0", "0.15", "1.50", "0.1", "0.01", "0.001", "0.0001", "0.00012", "0.000012", "-3.25",
-      "123456789012345.6", "1234567890.123456", "0.1000000000000000055511151231257827", "1E2", "1e21",
-      "1e-7", "2.2250738585072014e-308", "1.7976931348623157e308", "-1e0", "[1e0,0e0,-0e-0]",
+      R"( { "b" : 1 , "a" : [ true , false , null ] } )",
+      R"([{},[],{"a":{}},[[]]])",
+      R"({"k":1,"k":2})",
+      R"("a\/b\u00e9\ud83d\ude00\u0001\u001F\u0000\b\f\n\r\t\"\\")",
+      "\"\x7f caf\xC3\xA9\"",
+      "0",
+      "-0",
+      "7",
+      "-12",
+      "123456789012345678",
+      "1234567890123456789",
+      "-9223372036854775808",
+      "18446744073709551615",
+      "2.0",
+      "-0.0",
+      "0.0",
+      "1.0",
+      "120.0",
+      "10000.0",
+      "100000.0",
+      "1000000.0",
+      "12340000.0",
+      "0.15",
+      "1.50",
+      "0.1",
+      "0.01",
+      "0.001",
+      "0.0001",
+      "0.00012",
+      "0.000012",
+      "-3.25",
+      "123456789012345.6",
+      "1234567890.123456",
+      "0.1000000000000000055511151231257827",
+      "1E2",
+      "1e21",
+      "1e-7",
+      "2.2250738585072014e-308",
+      "1.7976931348623157e308",
+      "-1e0",
+      "[1e0,0e0,-0e-0]",
   };
   for (const char* text : cases) {
     auto expected = throughTheParser(text);
@@ -50,12 +84,45 @@ TEST(WriteCompact, WritesWhatTheWriterWritesFromTheParsedValue) {
 // Refused either way: invalid text, and what the parser alone decides exactly.
 TEST(WriteCompact, LeavesToTheParserWhatItDoesNotHandleTheSame) {
   const std::string cases[] = {
-      "", " ", "[1,]", R"({"a":1,})", "{,}", "[,1]", R"({"a" 1})", "{1:2}", "truex", "[true\"a\"]", "nul",
-      "01", "-01", "1.", ".5", "-", "1.5e", "1e+", "[1]x", "[1] [2]", "[", "]", "{\"a\":[}]", "\"abc",
-      "\"a\x01\"", "\"\\x\"", "\"\\u12\"", "\"\\ud800\"", "\"\\udc00\"", "\"\\ud800\\u0041\"",
-      "18446744073709551616", "-9223372036854775809", "123456789012345678901234", "1e400", "1e-400", "5e-324",
+      "",
+      " ",
+      "[1,]",
+      R"({"a":1,})",
+      "{,}",
+      "[,1]",
+      R"({"a" 1})",
+      "{1:2}",
+      "truex",
+      "[true\"a\"]",
+      "nul",
+      "01",
+      "-01",
+      "1.",
+      ".5",
+      "-",
+      "1.5e",
+      "1e+",
+      "[1]x",
+      "[1] [2]",
+      "[",
+      "]",
+      "{\"a\":[}]",
+      "\"abc",
+      "\"a\x01\"",
+      "\"\\x\"",
+      "\"\\u12\"",
+      "\"\\ud800\"",
+      "\"\\udc00\"",
+      "\"\\ud800\\u0041\"",
+      "18446744073709551616",
+      "-9223372036854775809",
+      "123456789012345678901234",
+      "1e400",
+      "1e-400",
+      "5e-324",
       std::string(70, '1') + ".5",
-      std::string(600, '[') + std::string(600, ']'), std::string("[1,\0]", 5),
+      std::string(600, '[') + std::string(600, ']'),
+      std::string("[1,\0]", 5),
   };
   for (const std::string& text : cases) EXPECT_EQ(compact(text), std::nullopt) << text;
 }
@@ -64,14 +131,17 @@ TEST(WriteCompact, LeavesToTheParserWhatItDoesNotHandleTheSame) {
 TEST(WriteCompact, AgreesWithTheParserOnGeneratedDocuments) {
   std::mt19937 rng(11);
   auto pick = [&](int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); };
-  const char* const scalars[] = {"0", "-0", "1", "-7", "120.5", "2.50", "1e3", "-1.5E-3", "0.0001", "3.0",
-                                 "100000.0", "true", "false", "null", "\"x\"", "\"\\u00e9/\\\"\"", "\"\""};
+  const char* const scalars[] = {
+      "0",      "-0",  "1",        "-7",   "120.5", "2.50", "1e3",   "-1.5E-3",
+      "0.0001", "3.0", "100000.0", "true", "false", "null", "\"x\"", "\"\\u00e9/\\\"\"",
+      "\"\""};
   std::function<std::string(int)> value = [&](int depth) -> std::string {
     int kind = pick(depth > 4 ? 1 : 3);
     if (kind == 0) {
       if (pick(3)) return scalars[pick(std::size(scalars))];
       char number[40];
-      std::snprintf(number, sizeof number, pick(2) ? "%.*f" : "%.*e", pick(18), (pick(2) ? -1 : 1) * (rng() / 7.0));
+      std::snprintf(number, sizeof number, pick(2) ? "%.*f" : "%.*e", pick(18),
+                    (pick(2) ? -1 : 1) * (rng() / 7.0));
       return number;
     }
     std::string text = kind == 1 ? "[" : "{";

@@ -152,9 +152,11 @@ TEST(JsonWriter, WritesTheSameBase64AtEveryLength) {
   std::mt19937 rng(5);
   std::string bytes(10000, '\0');
   for (char& c : bytes) c = static_cast<char>(rng());
-  for (std::size_t size : {0, 1, 23, 24, 31, 32, 33, 47, 48, 55, 56, 57, 100, 3071, 3072, 3073, 3104, 6200, 10000})
+  for (std::size_t size :
+       {0, 1, 23, 24, 31, 32, 33, 47, 48, 55, 56, 57, 100, 3071, 3072, 3073, 3104, 6200, 10000})
     for (std::size_t offset : {0, 1, 5}) {
       std::string_view input = std::string_view(bytes).substr(offset, std::min(size, bytes.size() - offset));
-      EXPECT_EQ(write([&](JsonWriter& w) { w.base64String(input); }), plain(input)) << size << " at " << offset;
+      EXPECT_EQ(write([&](JsonWriter& w) { w.base64String(input); }), plain(input))
+          << size << " at " << offset;
     }
 }

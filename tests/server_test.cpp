@@ -104,116 +104,19 @@ APIResponse answer(int status, std::string contentType, std::string body) {
   return {status, std::move(body), std::move(contentType), {}};
 }
 
-std::string written(const ToolResult& result) {
-  std::string out;
-  JsonWriter writer(out);
-  writeToolResult(writer, result);
-  return out;
+// What a streaming transport hands a sink for that answer.
+void stream(AnswerSink* sink, const std::string& body) {
+  sink->head(answer(200, "application/json", ""));
+  sink->body(body);
 }
-
-TEST(ToolResults, TextCarriesTheBodyAndMarksStatusesFrom400) {
-  const std::tuple<int, std::string, std::string> cases[] = {
-      {200, "", R"({"content":[{"type":"text","text":""}],"isError":false})"},
-      {399, "moved", R"({"content":[{"type":"text","text":"moved"}],"isError":false})"},
-      {400, "bad", R"({"content":[{"type":"text","text":"bad"}],"isError":true})"},
-      {404, R"({"error":"no such clip"})",
-       R"({"content":[{"type":"text","text":"{\"error\":\"no such clip\"}"}],"isError":true})"},
-      {200, "a\xFFz\n",
-       "{\"content\":[{\"type\":\"text\",\"text\":\"a\xEF\xBF\xBDz\\n\"}],\"isError\":false}"},
-  };
-  for (const auto& [status, body, expected] : cases)
-    EXPECT_EQ(written(textResult(answer(status, "application/json", body))), expected) << status;
-}
-
-TEST(ToolResults, ImageOnlyForA200ThatIsNotJson) {
-  const std::string caption = R"({"type":"text","text":"Snapshot of the Tondrel window."})";
-  auto image = [&](std::string type, std::string data) {
-    return R"({"content":[{"type":"image","data":")" + data + R"(","mimeType":")" + type + "\"}," + caption +
-           "]}";
-  };
-  const std::tuple<int, std::string, std::string, std::string> cases[] = {
-      {200, "image/png", "\x89PNG", image("image/png", "iVBORw==")},
-      {200, "image/png; x=1", "", image("image/png", "")},
-      {200, "IMAGE/JPEG", "a", image("IMAGE/JPEG", "YQ==")},
-      {200, "", "ab", image("image/png", "YWI=")},
-      {200, "application/octet-stream", "abc", image("image/png", "YWJj")},
-      {200, "application/json; charset=utf-8", "{}",
-       R"({"content":[{"type":"text","text":"{}"}],"isError":false})"},
-      {200, "text/x-JSON", "{}", R"({"content":[{"type":"text","text":"{}"}],"isError":false})"},
-      {201, "image/png", "x", R"({"content":[{"type":"text","text":"x"}],"isError":false})"},
-      {500, "image/png", "down", R"({"content":[{"type":"text","text":"down"}],"isError":true})"},
-  };
-  for (const auto& [status, type, body, expected] : cases)
-    EXPECT_EQ(written(imageResult(answer(status, type, body), "Snapshot of the Tondrel window.")), expected)
-        << status << " " << type;
-}
-
-}  // namespace
-}  // namespace tondrel
-
-namespace tondrel {
-namespace {
-
-// What the sink writes from pieces of every size, against writing the whole answer.
-std::string streamed(const APIResponse& response, std::string_view caption, std::size_t pieceSize) {
-  std::string out;
-  JsonWriter writer(out);
-  ResultSink sink(writer, caption);
-  APIResponse head = response;
-  head.data.clear();
-  sink.head(head);
-  for (std::size_t at = 0; at < response.data.size(); at += pieceSize)
-    sink.body(std::string_view(response.data).substr(at, pieceSize));
-  sink.finish(head);
-  return out;
-}
-
-TEST(ToolResults, StreamedResultsEqualWholeOnesWhereverPiecesSplit) {
-  const std::string caption = "Snapshot of the Tondrel window.";
-  const std::tuple<int, std::string, std::string> cases[] = {
-      {200, "application/json", ""},
-      {200, "application/json", R"({"name":"Gitarre ü/1","gain":-3.25})"},
-      {404, "application/json", "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 \"q\" \\ \n\x01"},
-      {200, "text/plain", "\xF0\x9F\x98\xF0\x9F\x98\x80\xE0\x80\x80\xED\xA0\x80\xC2z\xFF\xF4\x90\x80\x80"},
-      {200, "text/plain", "ends inside \xE2\x82"},
-      {200, "text/plain", "ends inside \xF0\x9F\x98"},
-      {200, "text/plain", "\xC2"},
-      {200, "image/png", ""},
-      {200, "image/png", "\x89PNG\r\n\x1A\nabcdefg"},
-      {200, "IMAGE/JPEG; q=1", "ab"},
-      {200, "application/json", "\x89PNG"},
-      {500, "image/png", "down \xFF"},
-  };
-  for (const auto& [status, type, body] : cases) {
-    APIResponse response = answer(status, type, body);
-    std::string text = written(textResult(response)), image = written(imageResult(response, caption));
-    for (std::size_t pieceSize : {1, 2, 3, 4, 5, 7, 64}) {
-      EXPECT_EQ(streamed(response, "", pieceSize), text) << body << " in pieces of " << pieceSize;
-      EXPECT_EQ(streamed(response, caption, pieceSize), image) << body << " in pieces of " << pieceSize;
-    }
-  }
-}
-
-TEST(ToolResults, AnAnswerThatDidNotStreamIsWrittenFromItsData) {
-  std::string out;
-  JsonWriter writer(out);
-  ResultSink sink(writer, "");
-  sink.finish(answer(404, "text/plain", "gone"));
-  EXPECT_EQ(out, written(textResult(answer(404, "text/plain", "gone"))));
-}
-
-}  // namespace
-}  // namespace tondrel
-
-namespace tondrel {
-namespace {
 
 // An editor that dies midway through its answer: what was written of it goes.
 TEST(ToolResults, AFailureMidwayReplacesWhatWasWritten) {
   const std::string tooLarge = "The editor's answer was too large for the memory available.";
   const std::pair<std::function<void()>, std::string> cases[] = {
       {[] { throw ProxyError::unreachable("http://127.0.0.1:1"); },
-       "Tondrel is not reachable at http://127.0.0.1:1 \xE2\x80\x94 launch /Applications/Tondrel.app and retry."},
+       "Tondrel is not reachable at http://127.0.0.1:1 \xE2\x80\x94 launch /Applications/Tondrel.app and "
+       "retry."},
       {[] { throw std::bad_alloc(); }, tooLarge},
       {[] { throw std::length_error("reserve"); }, tooLarge},
   };
@@ -221,13 +124,13 @@ TEST(ToolResults, AFailureMidwayReplacesWhatWasWritten) {
     for (const char* tool : {"tondrel_document", "tondrel_snapshot"}) {
       TondrelMCPServer server(
           [&fail](std::string_view, std::string_view, std::optional<std::string_view>, AnswerSink* sink) {
-            sink->head(answer(200, "image/png", ""));
-            sink->body(std::string(100000, 'x'));
+            stream(sink, std::string(100000, 'x'));
             fail();
             return APIResponse{};
           },
           "http://127.0.0.1:1", "0.9.0");
-      auto line = server.handle(std::string(R"({"id":1,"method":"tools/call","params":{"name":")") + tool + "\"}}");
+      auto line =
+          server.handle(std::string(R"({"id":1,"method":"tools/call","params":{"name":")") + tool + "\"}}");
       EXPECT_EQ(line, R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":")" + text +
                           R"("}],"isError":true}})")
           << tool;
@@ -235,41 +138,43 @@ TEST(ToolResults, AFailureMidwayReplacesWhatWasWritten) {
   }
 }
 
-}  // namespace
-}  // namespace tondrel
-
-namespace tondrel {
-namespace {
-
 // Lines long enough that the document or the edits are forwarded from the text:
 // what reaches the editor, and the answer, are what parsing the whole line gives.
 TEST(Handle, ForwardsALargeDocumentOrBatchAsTheWriterWouldWriteIt) {
   const std::string pad(40 << 10, 'p');
-  const std::string parseError = R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})";
+  const std::string parseError =
+      R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})";
   auto failed = [](std::string text) {
-    return R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":")" + text + R"("}],"isError":true}})";
+    return R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":")" + text +
+           R"("}],"isError":true}})";
   };
-  const std::string ok = R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":"ok"}],"isError":false}})";
+  const std::string ok =
+      R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":"ok"}],"isError":false}})";
   struct Case {
     std::string tool, arguments, answer;
     std::optional<std::string> body = std::nullopt;
   } cases[] = {
-      {"tondrel_replace_document", R"({"document":{"pad":")" + pad + R"(","t":[1.50,1E2,-0,2.0,"\u00e9\/"]}})", ok,
+      {"tondrel_replace_document",
+       R"({"document":{"pad":")" + pad + R"(","t":[1.50,1E2,-0,2.0,"\u00e9\/"]}})", ok,
        R"({"pad":")" + pad + R"(","t":[1.5,100.0,0,2.0,"é/"]})"},
-      {"tondrel_replace_document", R"({"save":true,"document":{"a":1e400,"pad":")" + pad + R"("}})", parseError},
+      {"tondrel_replace_document", R"({"save":true,"document":{"a":1e400,"pad":")" + pad + R"("}})",
+       parseError},
       {"tondrel_replace_document", R"({"document":{"a":[1,],"pad":")" + pad + R"("}})", parseError},
       {"tondrel_replace_document", R"({"document":{"pad":")" + pad + R"("}} , x)", parseError},
-      {"tondrel_replace_document", R"({"document":[")" + pad + R"("]})", failed("missing argument 'document'")},
+      {"tondrel_replace_document", R"({"document":[")" + pad + R"("]})",
+       failed("missing argument 'document'")},
       {"tondrel_edit", R"({"label":"L","ops":[{"op":"a","s":")" + pad + R"("}]})", ok,
        R"({"ops":[{"op":"a","s":")" + pad + R"("}],"label":"L"})"},
-      {"tondrel_edit", R"({"ops":[ ")" + pad + R"(" ],"label":3,"ops":{}})", ok, R"({"ops":[")" + pad + R"("]})"},
+      {"tondrel_edit", R"({"ops":[ ")" + pad + R"(" ],"label":3,"ops":{}})", ok,
+       R"({"ops":[")" + pad + R"("]})"},
   };
   for (const auto& c : cases) {
     std::optional<std::string> sent;
     TondrelMCPServer server(
-        [&sent](std::string_view, std::string_view, std::optional<std::string_view> body, AnswerSink*) {
+        [&sent](std::string_view, std::string_view, std::optional<std::string_view> body, AnswerSink* sink) {
           sent = body;
-          return answer(200, "application/json", "ok");
+          stream(sink, "ok");
+          return APIResponse{};
         },
         "http://127.0.0.1:1", "0.9.0");
     std::string line = R"({"id":1,"method":"tools/call","params":{"name":")" + c.tool + R"(","arguments":)" +
