@@ -23,8 +23,7 @@ struct Cursor {
 
   char peek() const { return p < end ? *p : '\0'; }  // NUL is never valid outside a string
   void blanks() {
-    if (p<end&& static_cast<unsigned char>(*p)> ' ') [[likely]]  // compact text has none
-      return;
+    if (p != end && static_cast<unsigned char>(*p) > ' ') return;  // compact text has none
     while (p < end && (*p == ' ' || *p == '\n' || *p == '\r' || *p == '\t')) ++p;
   }
   bool eat(char c) {

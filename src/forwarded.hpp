@@ -13,8 +13,8 @@ namespace tondrel {
 // writes the same text once simdjson has parsed it, and says true; says false,
 // leaving out as it was, for anything it does not handle exactly the same way
 // (invalid JSON, nesting past 512 levels, integers past 64 bits, numbers too large
-// for a double or below its normal range, lone surrogates, numbers of 64 characters or more). text must end
-// where the value ends.
+// for a double or below its normal range, lone surrogates, numbers of 64 characters
+// or more). text must end where the value ends.
 bool writeCompact(std::string_view text, std::string& out);
 
 // The member forwarded by the call on a line: tondrel_replace_document's
