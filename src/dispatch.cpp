@@ -270,25 +270,25 @@ void callTool(const Transport& transport, std::string_view name, const Members& 
               std::optional<ForwardedArgument> forwarded) {
   auto index = toolIndex(name);
   if (!index) return writeFailedResult(out, "unknown tool " + std::string(name));
-  auto mark = out.mark();
+  // Part of the answer may already be written when a call fails: the failure takes its place.
+  auto failed = [&out, mark = out.mark()](std::string_view text) {
+    out.rollBack(mark);
+    writeFailedResult(out, text);
+  };
   bool sent = false;
-  std::string failure;
   try {
     std::string body;
     Request request(args, forwarded, body);
     kEndpoints[*index].branch(request);
     sent = true;
-    return request.send(transport, out);
+    request.send(transport, out);
   } catch (const ProxyError& error) {
-    failure = error.description();
+    failed(error.description());
   } catch (const std::bad_alloc&) {
-    failure = outOfMemory(sent);
+    failed(outOfMemory(sent));
   } catch (const std::length_error&) {
-    failure = outOfMemory(sent);
+    failed(outOfMemory(sent));
   }
-  // Part of the answer may already be written: the failure takes its place.
-  out.rollBack(mark);
-  writeFailedResult(out, failure);
 }
 
 }  // namespace tondrel
