@@ -51,20 +51,13 @@ TEST(ApiBaseURL, PortComesFromTheEnvironmentWhenItIsASignedDecimal) {
 }
 
 TEST(CurlTransport, GivesBackStatusBodyAndHeadersAsReceived) {
-  StandInEditor editor;
-  for (int status : {200, 399, 404, 500}) {
-    editor.answer({status, R"({"error":"nope"})", "application/json; charset=utf-8"});
-    APIResponse response = client(editor.base())("GET", "/v1/state", std::nullopt);
-    EXPECT_EQ(response.status, status);
-    EXPECT_EQ(response.data, R"({"error":"nope"})");
-    EXPECT_EQ(response.contentType, "application/json; charset=utf-8");
-    EXPECT_EQ(response.headers.at("content-type"), response.contentType);
-  }
   ScriptedServer raw([](int fd, int, const std::string&) {
     test::writeText(fd, "HTTP/1.1 200 OK\r\nX-Request-Id: AbC\r\nContent-Length: 2\r\n\r\nhi");
     return true;
   });
   APIResponse response = client(raw.base())("GET", "/v1/state", std::nullopt);
+  EXPECT_EQ(response.status, 200);
+  EXPECT_EQ(response.data, "hi");
   EXPECT_EQ(response.headers.at("x-request-id"), "AbC");
   EXPECT_EQ(response.contentType, "");
   EXPECT_EQ(response.headers.count("content-type"), 0u);

@@ -138,51 +138,5 @@ TEST(ToolResults, AFailureMidwayReplacesWhatWasWritten) {
   }
 }
 
-// Lines long enough that the document or the edits are forwarded from the text:
-// what reaches the editor, and the answer, are what parsing the whole line gives.
-TEST(Handle, ForwardsALargeDocumentOrBatchAsTheWriterWouldWriteIt) {
-  const std::string pad(40 << 10, 'p');
-  const std::string parseError =
-      R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})";
-  auto failed = [](std::string text) {
-    return R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":")" + text +
-           R"("}],"isError":true}})";
-  };
-  const std::string ok =
-      R"({"jsonrpc":"2.0","id":1,"result":{"content":[{"type":"text","text":"ok"}],"isError":false}})";
-  struct Case {
-    std::string tool, arguments, answer;
-    std::optional<std::string> body = std::nullopt;
-  } cases[] = {
-      {"tondrel_replace_document",
-       R"({"document":{"pad":")" + pad + R"(","t":[1.50,1E2,-0,2.0,"\u00e9\/"]}})", ok,
-       R"({"pad":")" + pad + R"(","t":[1.5,100.0,0,2.0,"é/"]})"},
-      {"tondrel_replace_document", R"({"save":true,"document":{"a":1e400,"pad":")" + pad + R"("}})",
-       parseError},
-      {"tondrel_replace_document", R"({"document":{"a":[1,],"pad":")" + pad + R"("}})", parseError},
-      {"tondrel_replace_document", R"({"document":{"pad":")" + pad + R"("}} , x)", parseError},
-      {"tondrel_replace_document", R"({"document":[")" + pad + R"("]})",
-       failed("missing argument 'document'")},
-      {"tondrel_edit", R"({"label":"L","ops":[{"op":"a","s":")" + pad + R"("}]})", ok,
-       R"({"ops":[{"op":"a","s":")" + pad + R"("}],"label":"L"})"},
-      {"tondrel_edit", R"({"ops":[ ")" + pad + R"(" ],"label":3,"ops":{}})", ok,
-       R"({"ops":[")" + pad + R"("]})"},
-  };
-  for (const auto& c : cases) {
-    std::optional<std::string> sent;
-    TondrelMCPServer server(
-        [&sent](std::string_view, std::string_view, std::optional<std::string_view> body, AnswerSink* sink) {
-          sent = body;
-          stream(sink, "ok");
-          return APIResponse{};
-        },
-        "http://127.0.0.1:1", "0.9.0");
-    std::string line = R"({"id":1,"method":"tools/call","params":{"name":")" + c.tool + R"(","arguments":)" +
-                       c.arguments + "}}";
-    EXPECT_EQ(server.handle(line), c.answer) << c.arguments.substr(0, 60);
-    EXPECT_EQ(sent, c.body) << c.arguments.substr(0, 60);
-  }
-}
-
 }  // namespace
 }  // namespace tondrel
