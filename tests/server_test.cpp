@@ -120,7 +120,8 @@ TEST(ToolResults, AFailureMidwayReplacesWhatWasWritten) {
       {[] { throw std::bad_alloc(); }, tooLarge},
       {[] { throw std::length_error("reserve"); }, tooLarge},
   };
-  for (const auto& [fail, text] : cases) {
+  for (const auto& [failure, text] : cases) {
+    const std::function<void()>& fail = failure;  // clang before 16 cannot capture a structured binding
     for (const char* tool : {"tondrel_document", "tondrel_snapshot"}) {
       TondrelMCPServer server(
           [&fail](std::string_view, std::string_view, std::optional<std::string_view>, AnswerSink* sink) {
