@@ -6,7 +6,6 @@
 #include <stdexcept>
 
 #include "catalogue.hpp"
-#include "shortest_double.hpp"
 
 namespace tondrel {
 
@@ -69,14 +68,14 @@ std::string missing(std::string_view key) {
   return "missing argument '" + std::string(key) + "'";
 }
 
-// One request to the editor, as a tool's branch describes it: arguments are read
-// and checked first, and nothing is sent until the branch has finished.
 // An object or array argument: its parsed value, or the text it is forwarded as.
 struct Structured {
   element value;
   std::optional<std::string_view> json;
 };
 
+// One request to the editor, as a tool's branch describes it: arguments are read
+// and checked first, and nothing is sent until the branch has finished.
 class Request {
  public:
   Request(const Members& args, std::optional<ForwardedArgument> forwarded, std::string& body)

@@ -109,11 +109,7 @@ bool TondrelMCPServer::answer(std::string_view line, std::string& out) {
   // The forwarded member is parsed as an empty stand-in, and written from the text.
   std::optional<ForwardedLine> forwarded;
   if (text.size() >= kForwardFrom && (forwarded = splitForwarded(text))) text = forwarded->line;
-  forwarded_ = forwarded ? &*forwarded : nullptr;
-  struct Forget {
-    const ForwardedLine*& forwarded;
-    ~Forget() { forwarded = nullptr; }
-  } forget{forwarded_};
+  forwarded_ = forwarded ? std::optional(ForwardedArgument{forwarded->key, forwarded->json()}) : std::nullopt;
 
   simdjson::dom::element root;
   auto parsed = parser_.parse(text.data(), text.size(), false);
@@ -158,9 +154,7 @@ void TondrelMCPServer::callToolRequest(const Members& params, JsonWriter& out) {
   out.key("result");
   auto mark = out.mark();
   try {
-    std::optional<ForwardedArgument> forwarded;
-    if (forwarded_) forwarded = ForwardedArgument{forwarded_->key, forwarded_->json()};
-    callTool(transport_, name, Members(params["arguments"]), out, forwarded);
+    callTool(transport_, name, Members(params["arguments"]), out, forwarded_);
   } catch (const std::bad_alloc&) {
     out.rollBack(mark);
     writeFailedResult(out, kAnswerTooLarge);

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "dispatch.hpp"
 #include "editor_client.hpp"
-#include "forwarded.hpp"
 #include "json.hpp"
 
 namespace tondrel {
@@ -49,9 +49,9 @@ class TondrelMCPServer {
   std::string apiBase_;
   std::string version_;
   simdjson::dom::parser parser_;
-  std::string padded_;                        // a line copied so that the parser may read past its end
-  std::string repaired_;                      // a line whose invalid UTF-8 was replaced
-  const ForwardedLine* forwarded_ = nullptr;  // the line's forwarded member, while it is answered
+  std::string padded_;                          // a line copied so that the parser may read past its end
+  std::string repaired_;                        // a line whose invalid UTF-8 was replaced
+  std::optional<ForwardedArgument> forwarded_;  // the member of the line being answered sent from its text
 };
 
 }  // namespace tondrel
