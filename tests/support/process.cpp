@@ -1,6 +1,7 @@
 #include "process.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -44,6 +45,7 @@ Child spawn(const Launch& launch) {
     ::dup2(in[0], 0), ::dup2(out[1], 1), ::dup2(err[1], 2);
     for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) ::close(fd);
     if (launch.closedOutput) ::close(1);
+    ::signal(SIGPIPE, SIG_DFL);  // as a host leaves it, not as this process ignores it
     if (launch.addressSpace) {
       rlimit limit{launch.addressSpace, launch.addressSpace};
       ::setrlimit(RLIMIT_AS, &limit);
@@ -108,6 +110,14 @@ void ServerProcess::send(std::string_view text) {
   }
 }
 
+// A server silent for a minute counts as finished, so that a test of a server
+// that hangs fails instead of hanging with it.
+ssize_t ServerProcess::readSome(char* buffer, std::size_t size) {
+  pollfd ready{out_, POLLIN, 0};
+  if (out_ < 0 || ::poll(&ready, 1, 60000) != 1) return 0;
+  return ::read(out_, buffer, size);
+}
+
 std::string ServerProcess::readLine() {
   char chunk[1 << 16];
   for (;;) {
@@ -116,7 +126,7 @@ std::string ServerProcess::readLine() {
       pending_.erase(0, lf + 1);
       return line;
     }
-    ssize_t n = out_ < 0 ? 0 : ::read(out_, chunk, sizeof chunk);
+    ssize_t n = readSome(chunk, sizeof chunk);
     if (n <= 0) return std::exchange(pending_, "");
     pending_.append(chunk, n);
   }
@@ -125,7 +135,7 @@ std::string ServerProcess::readLine() {
 std::string ServerProcess::readAll() {
   std::string all = std::exchange(pending_, "");
   char chunk[1 << 16];
-  for (ssize_t n; out_ >= 0 && (n = ::read(out_, chunk, sizeof chunk)) > 0;) all.append(chunk, n);
+  for (ssize_t n; (n = readSome(chunk, sizeof chunk)) > 0;) all.append(chunk, n);
   return all;
 }
 

@@ -1,6 +1,8 @@
 // Runs the built tondrel-mcp as a host would: real pipes, its own environment.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -49,6 +51,8 @@ class ServerProcess {
   int pid() const { return pid_; }
 
  private:
+  ssize_t readSome(char* buffer, std::size_t size);
+
   int pid_ = -1, in_ = -1, out_ = -1, err_ = -1, status_ = -1;
   std::string pending_;
 };
