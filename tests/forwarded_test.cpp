@@ -37,42 +37,14 @@ TEST(WriteCompact, WritesWhatTheWriterWritesFromTheParsedValue) {
       R"({"k":1,"k":2})",
       R"("a\/b\u00e9\ud83d\ude00\u0001\u001F\u0000\b\f\n\r\t\"\\")",
       "\"\x7f caf\xC3\xA9\"",
-      "0",
-      "-0",
-      "7",
-      "-12",
-      "123456789012345678",
-      "1234567890123456789",
-      "-9223372036854775808",
-      "18446744073709551615",
-      "2.0",
-      "-0.0",
-      "0.0",
-      "1.0",
-      "120.0",
-      "10000.0",
-      "100000.0",
-      "1000000.0",
-      "12340000.0",
-      "0.15",
-      "1.50",
-      "0.1",
-      "0.01",
-      "0.001",
-      "0.0001",
-      "0.00012",
-      "0.000012",
-      "-3.25",
-      "123456789012345.6",
-      "1234567890.123456",
-      "0.1000000000000000055511151231257827",
-      "1E2",
-      "1e21",
-      "1e-7",
-      "2.2250738585072014e-308",
-      "1.7976931348623157e308",
-      "-1e0",
-      "[1e0,0e0,-0e-0]",
+      "-0",  // alone, and as the integer 0 it reads as
+      // Numbers by family, around each bound where the written form changes.
+      "[0,7,-12,123456789012345678,1234567890123456789,-9223372036854775808,18446744073709551615]",
+      "[2.0,-0.0,0.0,1.0,120.0,10000.0,100000.0,1000000.0,12340000.0]",
+      "[0.15,1.50,0.1,0.01,0.001,0.0001,0.00012,0.000012,-3.25,123456789012345.6,1234567890.123456]",
+      "[1.0000000000000001,0.12345678901234567,2.0000000000000003]",  // more digits than a double keeps
+      "[0.1000000000000000055511151231257827,1E2,1e21,1e-7,2.2250738585072014e-308,1.7976931348623157e308]",
+      "[-1e0,1e0,0e0,-0e-0]",
   };
   for (const char* text : cases) {
     auto expected = throughTheParser(text);
@@ -85,38 +57,22 @@ TEST(WriteCompact, WritesWhatTheWriterWritesFromTheParsedValue) {
 TEST(WriteCompact, LeavesToTheParserWhatItDoesNotHandleTheSame) {
   const std::string cases[] = {
       "",
-      " ",
       "[1,]",
       R"({"a":1,})",
-      "{,}",
-      "[,1]",
-      R"({"a" 1})",
-      "{1:2}",
       "truex",
-      "[true\"a\"]",
-      "nul",
       "01",
-      "-01",
       "1.",
       ".5",
-      "-",
-      "1.5e",
-      "1e+",
       "[1]x",
-      "[1] [2]",
       "[",
-      "]",
-      "{\"a\":[}]",
       "\"abc",
       "\"a\x01\"",
       "\"\\x\"",
       "\"\\u12\"",
       "\"\\ud800\"",
       "\"\\udc00\"",
-      "\"\\ud800\\u0041\"",
       "18446744073709551616",
       "-9223372036854775809",
-      "123456789012345678901234",
       "1e400",
       "1e-400",
       "5e-324",
@@ -147,12 +103,10 @@ TEST(SplitForwarded, TakesOutTheFirstForwardedMemberOfTheFirstParams) {
       {toolCall("tondrel_replace_document", R"({"document":[]})"), std::nullopt},
       {toolCall("tondrel_replace_document", R"({"docu\u006dent":{},"document":{}})"), std::nullopt},
       {toolCall("tondrel_replace_document", R"({"document":{"a":1e400}})"), std::nullopt},
-      {toolCall("tondrel_replace_document", R"({"document":{"a":}})"), std::nullopt},
       {toolCall("tondrel_state", R"({"document":{}})"), std::nullopt},
       {R"({"params":{"name":"tondrel_edi\u0074","arguments":{"ops":[]}}})", std::nullopt},
       {R"({"params":[{"name":"tondrel_edit","arguments":{"ops":[]}}]})", std::nullopt},
       {R"([{"params":{"name":"tondrel_edit","arguments":{"ops":[]}}}])", std::nullopt},
-      {R"({"params":{"name":"tondrel_edit","arguments":{"ops":)", std::nullopt},
   };
   for (const Case& c : cases) {
     auto split = splitForwarded(c.line);
@@ -161,26 +115,6 @@ TEST(SplitForwarded, TakesOutTheFirstForwardedMemberOfTheFirstParams) {
     EXPECT_EQ(split->key, *c.key);
     EXPECT_EQ(split->line, *c.rest);
     EXPECT_EQ(split->json(), *c.json);
-  }
-}
-
-TEST(SplitForwarded, SendsCompactTextFromTheLineItself) {
-  const std::pair<std::string, bool> cases[] = {
-      {R"({"a":[1,-2.5,"é",true,null,{}],"b":"x\"y\\z\n\u0001"})", true},
-      {R"({"a":"\u00e9"})", false},
-      {R"({"a": 1})", false},
-      {R"({"a":-0})", false},
-      {R"({"a":1.50})", false},
-      {R"({"a":"\/"})", false},
-  };
-  for (const auto& [document, inPlace] : cases) {
-    std::string line = toolCall("tondrel_replace_document", R"({"document":)" + document + "}");
-    auto split = splitForwarded(line);
-    ASSERT_TRUE(split) << document;
-    EXPECT_EQ(split->as.has_value(), inPlace) << document;
-    if (inPlace) {
-      EXPECT_EQ(split->as->data(), line.data() + line.find(document)) << document;
-    }
   }
 }
 

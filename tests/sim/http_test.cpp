@@ -239,7 +239,7 @@ TEST(Http, TondrelMcpDrivesTheSimulatorThroughASession) {
   std::map<char, std::string> ids = {{'$', scratch.file("tone.wav")}, {'%', scratch.file("out.flac")}};
   writeTestTone(ids['$']);
   RunningSim sim;
-  tondrel::test::ServerProcess server({"TONDREL_API_PORT=" + std::to_string(sim.port())});
+  tondrel::test::ServerProcess server({tondrel::test::editorAt(sim.port())});
   // Tool, arguments ('@' the imported clip), whether it must fail, and a piece of its text.
   const std::tuple<const char*, const char*, bool, const char*> calls[] = {
       {"tondrel_import", R"({"path":"$"})", false, R"("clip":")"},

@@ -8,14 +8,30 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
 #include <utility>
+
+#include "editor_port.hpp"
 
 extern char** environ;
 
 namespace tondrel::test {
+
+std::string editorAt(int port) {
+  return std::string(kPortVariable) + "=" + std::to_string(port);
+}
+
+std::string toolCall(std::string_view tool, int id, std::string_view arguments) {
+  return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"method":"tools/call","params":{"name":")" +
+         std::string(tool) + R"(","arguments":)" + std::string(arguments) + "}}\n";
+}
+
+std::string answered(std::string_view text, int id) {
+  return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
+         R"(,"result":{"content":[{"type":"text","text":")" + std::string(text) + R"("}],"isError":false}})";
+}
 
 namespace {
 
@@ -65,20 +81,6 @@ int exitStatus(int status) {
 }
 
 }  // namespace
-
-Finished runServer(std::string_view input, const std::vector<std::string>& environment) {
-  ServerProcess server(environment);
-  std::thread writer([&] {  // written while the answers are read, so neither pipe can stall the other
-    server.send(input);
-    server.closeInput();
-  });
-  Finished finished;
-  finished.out = server.readAll();
-  writer.join();
-  finished.status = server.wait(60);
-  finished.err = server.errors();
-  return finished;
-}
 
 ServerProcess::ServerProcess(const Launch& launch) {
   Child child = spawn(launch);
@@ -157,6 +159,15 @@ int ServerProcess::wait(int seconds) {
     ::usleep(10000);
   }
   return pid_ > 0 ? -1 : status_;
+}
+
+std::size_t ServerProcess::residentMiB() const {
+#ifdef __linux__
+  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("VmRSS:")) return std::stoul(line.substr(6)) >> 10;
+#endif
+  return 0;
 }
 
 }  // namespace tondrel::test

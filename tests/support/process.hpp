@@ -10,11 +10,23 @@
 
 namespace tondrel::test {
 
-struct Finished {
-  std::string out;
-  std::string err;
-  int status = -1;  // exit status, or -1 when it did not exit normally
-};
+// The environment entry that points a tondrel-mcp at an editor on this port.
+std::string editorAt(int port);
+
+// A tools/call line, and the answer line of one whose editor answered 200 with
+// text (as it stands inside a JSON string).
+std::string toolCall(std::string_view tool, int id = 1, std::string_view arguments = "{}");
+std::string answered(std::string_view text, int id = 1);
+
+// AddressSanitizer maps terabytes of shadow memory up front and keeps freed blocks
+// in quarantine: neither a cap on address space nor resident memory means the same under it.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kUnderAddressSanitizer = true;
+#elif defined(__has_feature)
+constexpr bool kUnderAddressSanitizer = __has_feature(address_sanitizer);
+#else
+constexpr bool kUnderAddressSanitizer = false;
+#endif
 
 // How a tondrel-mcp is started besides its environment entries ("NAME=value",
 // added to this process's own).
@@ -24,10 +36,6 @@ struct Launch {
   bool nonBlockingOutput = false;  // its standard output is a pipe in non-blocking mode
   bool closedOutput = false;       // it starts with descriptor 1 closed
 };
-
-// Feeds input to a fresh tondrel-mcp and collects all it writes until it exits.
-// environment entries ("NAME=value") are added to this process's own.
-Finished runServer(std::string_view input, const std::vector<std::string>& environment = {});
 
 // A running tondrel-mcp driven a line at a time, for sessions that change the
 // world between calls. Killed when destroyed, if still running.
@@ -47,8 +55,8 @@ class ServerProcess {
   void closeOutput();  // as a host that stops reading
   // Exit status once it has exited within seconds; -1 otherwise, or if killed by a signal.
   int wait(int seconds);
-  std::string errors();  // all it wrote on standard error; call once it has exited
-  int pid() const { return pid_; }
+  std::string errors();             // all it wrote on standard error; call once it has exited
+  std::size_t residentMiB() const;  // 0 where the system does not tell
 
  private:
   ssize_t readSome(char* buffer, std::size_t size);

@@ -24,14 +24,14 @@ std::vector<RecordedRequest> StandInEditor::requests() const {
 
 namespace {
 
-int listenOn(int port) {
+// A listening socket on a free loopback port.
+int listenOnLoopback() {
   int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   ::fcntl(fd, F_SETFD, FD_CLOEXEC);  // a server process started later must not hold the port
   int on = 1;
   ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address{};
   address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 16) != 0)
     throw std::runtime_error("cannot listen on loopback");
@@ -47,8 +47,8 @@ int boundPort(int fd) {
 
 }  // namespace
 
-ScriptedServer::ScriptedServer(Script script, int port) : script_(std::move(script)) {
-  listener_ = listenOn(port);
+ScriptedServer::ScriptedServer(Script script) : script_(std::move(script)) {
+  listener_ = listenOnLoopback();
   port_ = boundPort(listener_);
   if (::pipe(stop_) != 0) throw std::runtime_error("pipe");
   for (int fd : stop_) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -60,7 +60,6 @@ ScriptedServer::ScriptedServer(Script script, int port) : script_(std::move(scri
       int connection = ::accept(listener_, nullptr, nullptr);
       if (connection < 0) continue;
       ::fcntl(connection, F_SETFD, FD_CLOEXEC);
-      ++connections_;
       std::lock_guard lock(mutex_);
       open_.push_back(connection);
       threads_.emplace_back([this, connection] { serve(connection); });
@@ -144,7 +143,7 @@ void writeText(int fd, const std::string& text) {
 }
 
 int closedPort() {
-  int fd = listenOn(0);
+  int fd = listenOnLoopback();
   int port = boundPort(fd);
   ::close(fd);
   return port;
@@ -172,20 +171,18 @@ RecordedRequest parseRequest(const std::string& text) {
 
 }  // namespace
 
-StandInEditor::StandInEditor(int port)
-    : server_(
-          [this](int fd, int, const std::string& text) {
-            CannedAnswer answer;
-            {
-              std::lock_guard lock(mutex_);
-              requests_.push_back(parseRequest(text));
-              answer = answer_;
-            }
-            writeText(fd, "HTTP/1.1 " + std::to_string(answer.status) +
-                              " Stand-in\r\nContent-Type: " + answer.contentType + "\r\nContent-Length: " +
-                              std::to_string(answer.body.size()) + "\r\n\r\n" + answer.body);
-            return true;
-          },
-          port) {}
+StandInEditor::StandInEditor()
+    : server_([this](int fd, int, const std::string& text) {
+        CannedAnswer answer;
+        {
+          std::lock_guard lock(mutex_);
+          requests_.push_back(parseRequest(text));
+          answer = answer_;
+        }
+        writeText(fd, "HTTP/1.1 " + std::to_string(answer.status) + " Stand-in\r\nContent-Type: " +
+                          answer.contentType + "\r\nContent-Length: " + std::to_string(answer.body.size()) +
+                          "\r\n\r\n" + answer.body);
+        return true;
+      }) {}
 
 }  // namespace tondrel::test

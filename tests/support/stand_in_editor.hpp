@@ -2,7 +2,6 @@
 // for faults no real server commits, and one that speaks HTTP and records requests.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -33,12 +32,11 @@ struct CannedAnswer {
 class ScriptedServer {
  public:
   using Script = std::function<bool(int fd, int number, const std::string& request)>;
-  explicit ScriptedServer(Script script, int port = 0);
+  explicit ScriptedServer(Script script);
   ~ScriptedServer();
 
   int port() const { return port_; }
   std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  int connections() const { return connections_; }
   // The requests read so far that start with this text ("GET", say; "" for all).
   int requests(std::string_view method) const;
 
@@ -49,7 +47,6 @@ class ScriptedServer {
   int listener_ = -1;
   int port_ = 0;
   int stop_[2] = {-1, -1};
-  std::atomic<int> connections_{0};
   mutable std::mutex mutex_;
   std::vector<std::string> requests_;
   std::vector<int> open_;
@@ -61,7 +58,7 @@ class ScriptedServer {
 // canned answer.
 class StandInEditor {
  public:
-  explicit StandInEditor(int port = 0);
+  StandInEditor();
 
   int port() const { return server_.port(); }
   std::string base() const { return server_.base(); }
