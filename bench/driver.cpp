@@ -421,13 +421,7 @@ class Bench {
       for (long i = 2; i <= calls; ++i) same = same && sameAnswer(exchange(c, request(i), 1), reference, i);
       check(same && (bridge || reference == request(1)), "answers under callgrind");
       ended(c, "callgrind");
-      std::ifstream out(file);
-      double total = 0;
-      for (std::string line; std::getline(out, line);)
-        if (line.starts_with("totals:") || line.starts_with("summary:"))
-          total = std::stod(line.substr(line.find(':') + 1));
-      std::remove(file.c_str());
-      return total;
+      return callgrindTotal(file);
     };
     long k = s_.callgrindCalls;
     auto per = [&](const std::string& program, bool bridge, auto request) {

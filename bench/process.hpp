@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -110,6 +111,17 @@ inline double mebibytes(pid_t pid, std::string_view field) {
   for (std::string line; std::getline(status, line);)
     if (line.starts_with(field)) return std::stod(line.substr(field.size() + 1)) / 1024;
   return 0;
+}
+
+// The instructions counted in a callgrind output file, which is then removed.
+inline double callgrindTotal(const std::string& file) {
+  std::ifstream out(file);
+  double total = 0;
+  for (std::string line; std::getline(out, line);)
+    if (line.starts_with("totals:") || line.starts_with("summary:"))
+      total = std::stod(line.substr(line.find(':') + 1));
+  std::remove(file.c_str());
+  return total;
 }
 
 inline std::string which(std::string_view name) {

@@ -357,13 +357,7 @@ double instructionsPerCall(const std::string& client, const std::vector<std::str
     output({valgrind, "--tool=callgrind", "--log-file=/dev/null", "--callgrind-out-file=" + file, self(), "--calls",
            client, std::to_string(calls)},
           env);
-    std::ifstream out(file);
-    double total = 0;
-    for (std::string line; std::getline(out, line);)
-      if (line.starts_with("totals:") || line.starts_with("summary:"))
-        total = std::stod(line.substr(line.find(':') + 1));
-    std::remove(file.c_str());
-    return total;
+    return bench::callgrindTotal(file);
   };
   constexpr int k = 200;
   return (count(2 * k) - count(k)) / k;

@@ -123,29 +123,21 @@ class Compactor {
   value:
     switch (c.peek()) {
       case '{':
+      case '[': {
+        char opening = *c.p;
         keep(c.p, c.p + 1);
         ++c.p;
         blanks(c);
-        if (c.peek() == '}') {
+        if (c.peek() == (opening == '{' ? '}' : ']')) {
           keep(c.p, c.p + 1);
           ++c.p;
           goto next;
         }
         if (depth == kMaxDepth) return nullptr;
-        open[depth++] = '{';
-        goto member;
-      case '[':
-        keep(c.p, c.p + 1);
-        ++c.p;
-        blanks(c);
-        if (c.peek() == ']') {
-          keep(c.p, c.p + 1);
-          ++c.p;
-          goto next;
-        }
-        if (depth == kMaxDepth) return nullptr;
-        open[depth++] = '[';
+        open[depth++] = opening;
+        if (opening == '{') goto member;
         goto value;
+      }
       case '"':
         if (!string(c)) return nullptr;
         goto next;
