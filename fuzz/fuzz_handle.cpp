@@ -19,7 +19,7 @@ namespace {
 std::size_t seed = 0;
 
 tondrel::APIResponse answer(std::string_view method, std::string_view path,
-                            std::optional<std::string_view> body, tondrel::AnswerSink* sink) {
+                            std::optional<std::string_view> body, tondrel::AnswerSink& sink) {
   std::size_t n = seed + method.size() + path.size() + (body ? body->size() : 0);
   if (n % 7 == 0) throw tondrel::ProxyError::unreachable("http://127.0.0.1:17910");
   static constexpr std::int64_t kStatuses[] = {200, 404, 500};
@@ -31,14 +31,11 @@ tondrel::APIResponse answer(std::string_view method, std::string_view path,
   // Echo what was sent, after bytes that are not UTF-8, as a real PNG starts.
   if (n % 2) response.data = "\x89PNG\r\n\x1a\n";
   response.data += body ? *body : path;
-  if (sink) {
-    tondrel::APIResponse head = response;
-    head.data.clear();
-    sink->head(head);
-    sink->body(response.data);
-    response.data.clear();
-  }
-  return response;
+  tondrel::APIResponse head = response;
+  head.data.clear();
+  sink.head(head, response.data.size());
+  sink.body(response.data);
+  return head;
 }
 
 void check(bool ok, const char* what, const std::string& answer) {
@@ -54,10 +51,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static tondrel::TondrelMCPServer server(answer, "http://127.0.0.1:17910", "0.9.0");
   static simdjson::dom::parser parser;
 
-  std::string_view line(reinterpret_cast<const char*>(data), size);
-  seed = std::hash<std::string_view>{}(line);
-  std::optional<std::string> out = server.handle(line);
-  if (!out) return 0;
+  static std::string padded, answer;
+  padded.assign(reinterpret_cast<const char*>(data), size);
+  padded.reserve(size + simdjson::SIMDJSON_PADDING);
+  seed = std::hash<std::string>{}(padded);
+  answer.clear();
+  if (server.handle(padded, answer)) server.runCall(answer);
+  if (answer.empty()) return 0;
+  const std::string* out = &answer;
 
   check(out->find('\n') == std::string::npos, "no line feed inside an answer", *out);
   simdjson::dom::element root;

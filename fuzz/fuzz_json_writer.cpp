@@ -12,8 +12,10 @@
 #include <string>
 #include <string_view>
 
+#include "compact_json.hpp"
 #include "forwarded.hpp"
-#include "json.hpp"
+#include "json_writer.hpp"
+#include "utf8.hpp"
 
 namespace {
 
@@ -37,12 +39,18 @@ bool same(element a, element b) {
         if (!same(*i, *j)) return false;
       return i == x.end() && j == y.end();
     }
-    case Type::STRING: return std::string_view(a) == std::string_view(b);
-    case Type::INT64: return std::int64_t(a) == std::int64_t(b);
-    case Type::UINT64: return std::uint64_t(a) == std::uint64_t(b);
-    case Type::DOUBLE: return std::bit_cast<std::uint64_t>(double(a)) == std::bit_cast<std::uint64_t>(double(b));
-    case Type::BOOL: return bool(a) == bool(b);
-    case Type::NULL_VALUE: return true;
+    case Type::STRING:
+      return std::string_view(a) == std::string_view(b);
+    case Type::INT64:
+      return std::int64_t(a) == std::int64_t(b);
+    case Type::UINT64:
+      return std::uint64_t(a) == std::uint64_t(b);
+    case Type::DOUBLE:
+      return std::bit_cast<std::uint64_t>(double(a)) == std::bit_cast<std::uint64_t>(double(b));
+    case Type::BOOL:
+      return bool(a) == bool(b);
+    case Type::NULL_VALUE:
+      return true;
   }
   return false;
 }
@@ -71,7 +79,8 @@ void checkSplit(std::string_view line) {
         "the forwarded member is where the parser finds it", split->line);
   std::string written;
   tondrel::JsonWriter(written).value(value);
-  check(written == split->json(), "the forwarded text is what the writer writes", std::string(split->json()) + "\n" + written);
+  check(written == split->json(), "the forwarded text is what the writer writes",
+        std::string(split->json()) + "\n" + written);
   check(reduced["params"]["arguments"][split->key].get(standIn) == simdjson::SUCCESS &&
             standIn.type() == value.type(),
         "the stand-in has the forwarded value's kind", split->line);

@@ -16,7 +16,7 @@
 #include "build_info.hpp"
 #include "catalogue.hpp"
 #include "editor_port.hpp"
-#include "json.hpp"
+#include "json_writer.hpp"
 
 namespace {
 

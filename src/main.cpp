@@ -1,16 +1,18 @@
 // tondrel-mcp: the MCP server on standard input and output, bridged to the
-// Tondrel editor's local HTTP API.
+// Tondrel editor's local HTTP API. Start-up and the wiring of the layers.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "build_info.hpp"
-#include "editor_client.hpp"
+#include "curl_transport.hpp"
+#include "line_loop.hpp"
 #include "server.hpp"
-#include "stdio.hpp"
+#include "standard_input.hpp"
 
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -37,37 +39,24 @@ std::map<std::string, std::string> environment() {
   return variables;
 }
 
-// Answers each line of input, one line each, until input ends or the host stops
-// reading. Answers to lines that arrive together go out in one write, but never
-// wait behind a tool call, which may wait for the editor.
-void serve(tondrel::TondrelMCPServer& server, int input, int output) {
-  constexpr std::size_t kWriteAt = 64 * 1024;
-  constexpr std::string_view kParseError =
-      R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"parse error"}})"
-      "\n";
-  tondrel::LineReader lines(input, output, simdjson::SIMDJSON_PADDING);
-  tondrel::AnswerWriter answers(output);
-  std::string& out = answers.pending();
-  while (auto line = lines.next()) {
-    if (line->tooLarge) {
-      out += kParseError;
-    } else {
-      if (!out.empty() && line->text.find("tools/call") != std::string_view::npos && !answers.flush()) return;
-      std::size_t mark = out.size();
-      try {
-        if (server.handlePadded(line->text, out)) out.push_back('\n');
-      } catch (...) {  // not even the line feed fitted: the line goes unanswered
-        out.resize(mark);
-      }
-    }
-    if (out.size() < kWriteAt && lines.hasLine()) continue;
-    if (!answers.flush()) return;
-    answers.release();
-    lines.release();
-    server.release();
-  }
-  answers.flush();
-}
+// The loop's lines go to the server; while the loop waits for one, it looks after
+// the connection the editor client keeps.
+class Bridge final : public tondrel::LineHandler, public tondrel::IdleWatch {
+ public:
+  Bridge(tondrel::TondrelMCPServer& server, tondrel::CurlClient& editor) : server_(server), editor_(editor) {}
+
+  bool answer(std::string_view line, std::string& out) override { return server_.handle(line, out); }
+  void finish(std::string& out) override { server_.runCall(out); }
+  void unreadable(std::string& out) override { server_.unreadable(out); }
+  void release() override { server_.release(); }
+
+  int descriptor() const override { return editor_.idleConnection(); }
+  void expire() override { editor_.closeIdleConnection(); }
+
+ private:
+  tondrel::TondrelMCPServer& server_;
+  tondrel::CurlClient& editor_;
+};
 
 }  // namespace
 
@@ -80,7 +69,13 @@ int main() {
   ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
 #endif
   std::string base = tondrel::apiBaseURL(environment());
-  tondrel::TondrelMCPServer server(tondrel::curlTransport(base, 30.0), base, tondrel::kVersion);
-  serve(server, 0, 1);
+  auto editor = std::make_shared<tondrel::CurlClient>(base, 30.0);
+  tondrel::TondrelMCPServer server(tondrel::curlTransport(editor), base, tondrel::kVersion);
+
+  Bridge bridge(server, *editor);
+  tondrel::StandardInput input(0, 1, &bridge);
+  tondrel::LineReader lines(input, simdjson::SIMDJSON_PADDING);
+  tondrel::AnswerWriter answers(1);
+  tondrel::serveLines(lines, answers, bridge);
   return 0;
 }

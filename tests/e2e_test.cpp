@@ -6,7 +6,7 @@
 #include <sstream>
 #include <thread>
 
-#include "json.hpp"
+#include "json_writer.hpp"
 #include "process.hpp"
 #include "stand_in_editor.hpp"
 
@@ -205,7 +205,12 @@ TEST(ToolCalls, LargePayloadsComeThroughByteExactAndGiveTheirMemoryBack) {
   for (std::minstd_rand bytes(1); png.size() < (16u << 20);) png += static_cast<char>(bytes());
   const std::string doc = document(20 << 20);
   std::string image = R"({"jsonrpc":"2.0","id":2,"result":{"content":[{"type":"image","data":)", text;
-  JsonWriter(image).base64String(png);
+  {
+    JsonWriter writer(image);
+    std::string carry;
+    writer.beginString().base64Piece(png, carry);
+    writer.endBase64String(carry);
+  }
   image += R"(,"mimeType":"image/png"},{"type":"text","text":"Snapshot of the Tondrel window."}]}})";
   JsonWriter(text).string(doc);
   const std::tuple<CannedAnswer, std::string, std::string> calls[] = {

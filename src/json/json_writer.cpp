@@ -1,0 +1,339 @@
+#include "json_writer.hpp"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+#include "base64.hpp"
+#include "escape.hpp"
+#include "shortest_double.hpp"
+#include "utf8.hpp"
+
+namespace tondrel {
+namespace {
+
+// Room kept after a long string for a few escapes and the rest of the message.
+constexpr std::size_t kSlack = 4096;
+
+// How many bytes are marked; std::popcount is a library call without -mpopcnt.
+std::size_t byteCount(std::uint64_t mask) {
+  return ((mask >> 7) * escape_scan::kOnes) >> 56;
+}
+
+void store(char* o, std::uint64_t word) {
+  std::memcpy(o, &word, 8);
+}
+
+// The escaped form of each byte as up to eight bytes to store at once, and how
+// many bytes it adds: one for \" \\ \b \f \n \r \t, five for the other control
+// characters (\u00XX), none for the rest.
+struct Escapes {
+  std::array<std::uint64_t, 256> text{};
+  std::array<std::uint8_t, 256> extra{};
+};
+constexpr Escapes kEscapes = [] {
+  Escapes e;
+  auto set = [&](unsigned char c, std::array<char, 6> form, std::size_t length) {
+    e.text[c] = 0;
+    for (std::size_t i = 0; i < length; ++i)
+      e.text[c] |= std::uint64_t(static_cast<unsigned char>(form[i])) << 8 * i;
+    e.extra[c] = static_cast<std::uint8_t>(length - 1);
+  };
+  constexpr char kHex[] = "0123456789abcdef";
+  for (int c = 0; c < 0x20; ++c) set(c, {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]}, 6);
+  for (auto [c, letter] :
+       {std::pair{'"', '"'}, {'\\', '\\'}, {'\b', 'b'}, {'\f', 'f'}, {'\n', 'n'}, {'\r', 'r'}, {'\t', 't'}})
+    set(c, {'\\', letter}, 2);
+  return e;
+}();
+
+}  // namespace
+
+JsonWriter& JsonWriter::beginObject() {
+  separate();
+  out_.push_back('{');
+  needComma_ = false;
+  return *this;
+}
+
+JsonWriter& JsonWriter::endObject() {
+  out_.push_back('}');
+  needComma_ = true;
+  return *this;
+}
+
+JsonWriter& JsonWriter::beginArray() {
+  separate();
+  out_.push_back('[');
+  needComma_ = false;
+  return *this;
+}
+
+JsonWriter& JsonWriter::endArray() {
+  out_.push_back(']');
+  needComma_ = true;
+  return *this;
+}
+
+JsonWriter& JsonWriter::key(std::string_view name) {
+  separate();
+  escaped(name, true);
+  out_.push_back(':');
+  needComma_ = false;
+  return *this;
+}
+
+JsonWriter& JsonWriter::string(std::string_view text) {
+  separate();
+  escaped(text, true);
+  return *this;
+}
+
+JsonWriter& JsonWriter::lossyString(std::string_view bytes) {
+  std::string repaired;
+  return string(decodeUtf8(bytes, repaired));
+}
+
+JsonWriter& JsonWriter::beginString() {
+  separate();
+  out_.push_back('"');
+  return *this;
+}
+
+void JsonWriter::base64Piece(std::string_view bytes, std::string& carry) {
+  if (!carry.empty()) {
+    std::size_t taken = std::min(bytes.size(), 3 - carry.size());
+    carry.append(bytes.substr(0, taken));
+    bytes.remove_prefix(taken);
+    if (carry.size() < 3) return;
+    base64(reinterpret_cast<const unsigned char*>(carry.data()), 3);
+    carry.clear();
+  }
+  std::size_t whole = bytes.size() - bytes.size() % 3;
+  grow(whole / 3 * 4);
+  base64(reinterpret_cast<const unsigned char*>(bytes.data()), whole);
+  carry.assign(bytes.substr(whole));
+}
+
+JsonWriter& JsonWriter::endBase64String(std::string& carry) {
+  if (!carry.empty()) {
+    char tail[4];
+    encodeBase64Tail(reinterpret_cast<const unsigned char*>(carry.data()), carry.size(), tail);
+    out_.append(tail, 4);
+    carry.clear();
+  }
+  out_.push_back('"');
+  return *this;
+}
+
+void JsonWriter::lossyPiece(std::string_view bytes, std::string& carry) {
+  if (!carry.empty()) {
+    // The sequences that begin in the carried bytes, judged with what follows them:
+    // no sequence is longer than four bytes.
+    std::string joined = carry, repaired;
+    joined.append(bytes.substr(0, std::min<std::size_t>(bytes.size(), 3)));
+    std::size_t i = 0;
+    while (i < carry.size()) {
+      std::size_t bad = 0, length = sequenceLength(joined, i, bad);
+      if (length == 0 && i + bad >= joined.size() && joined.size() == carry.size() + bytes.size()) {
+        escaped(repaired);
+        carry.erase(0, i);
+        carry.append(bytes);
+        return;
+      }
+      if (length == 0) {
+        repaired += kReplacement;
+        i += bad;
+      } else {
+        repaired.append(joined, i, length);
+        i += length;
+      }
+    }
+    escaped(repaired);
+    bytes.remove_prefix(i - carry.size());
+    carry.clear();
+  }
+  // A sequence the piece ends inside waits for the rest. The decoder starts a
+  // sequence at every byte from 0xC0 up (no sequence takes one as a continuation),
+  // so the split falls where it would have started anyway.
+  std::size_t end = bytes.size();
+  for (std::size_t back = 1; back <= std::min<std::size_t>(3, bytes.size()); ++back) {
+    auto c = static_cast<unsigned char>(bytes[bytes.size() - back]);
+    if (c >= 0x80 && c < 0xC0) continue;
+    std::size_t expected = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
+    if (expected > back) end = bytes.size() - back;
+    break;
+  }
+  std::string repaired;
+  escaped(decodeUtf8(bytes.substr(0, end), repaired));
+  carry.assign(bytes.substr(end));
+}
+
+JsonWriter& JsonWriter::endLossyString(std::string& carry) {
+  std::string repaired;
+  escaped(decodeUtf8(carry, repaired));
+  carry.clear();
+  out_.push_back('"');
+  return *this;
+}
+
+void JsonWriter::grow(std::size_t more) {
+  if (out_.size() + more + 8 <= out_.capacity()) return;
+  out_.reserve(std::max(out_.size() + more + kSlack, out_.capacity() + out_.capacity() / 2));
+}
+
+void JsonWriter::base64(const unsigned char* src, std::size_t n) {
+  // Chunks through a small buffer spare the zero-fill of resizing first.
+  char chunk[4096];
+  for (std::size_t i = 0; i < n;) {
+    std::size_t take = std::min(n - i, sizeof chunk / 4 * 3);
+    i += encodeBase64Groups(src + i, take, chunk);
+    out_.append(chunk, take / 3 * 4);
+  }
+}
+
+JsonWriter& JsonWriter::number(std::int64_t value) {
+  separate();
+  char buffer[24];
+  auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+  out_.append(buffer, end);
+  return *this;
+}
+
+JsonWriter& JsonWriter::number(std::uint64_t value) {
+  separate();
+  char buffer[24];
+  auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+  out_.append(buffer, end);
+  return *this;
+}
+
+JsonWriter& JsonWriter::number(double value) {
+  // Parsed JSON never holds NaN or infinity; null keeps the output valid JSON anyway.
+  if (!std::isfinite(value)) return null();
+  separate();
+  char buffer[32];
+  auto end = shortestChars(buffer, buffer + sizeof buffer, value).ptr;
+  out_.append(buffer, end);
+  if (std::string_view(buffer, end - buffer).find_first_of(".e") == std::string_view::npos) out_ += ".0";
+  return *this;
+}
+
+JsonWriter& JsonWriter::boolean(bool value) {
+  separate();
+  out_ += value ? "true" : "false";
+  return *this;
+}
+
+JsonWriter& JsonWriter::null() {
+  separate();
+  out_ += "null";
+  return *this;
+}
+
+JsonWriter& JsonWriter::value(simdjson::dom::element element) {
+  using Type = simdjson::dom::element_type;
+  switch (element.type()) {
+    case Type::OBJECT:
+      beginObject();
+      for (auto field : simdjson::dom::object(element)) {
+        key(field.key);
+        value(field.value);
+      }
+      return endObject();
+    case Type::ARRAY:
+      beginArray();
+      for (auto item : simdjson::dom::array(element)) value(item);
+      return endArray();
+    case Type::STRING:
+      return string(std::string_view(element));
+    case Type::INT64:
+      return number(std::int64_t(element));
+    case Type::UINT64:
+      return number(std::uint64_t(element));
+    case Type::DOUBLE:
+      return number(double(element));
+    case Type::BOOL:
+      return boolean(bool(element));
+    case Type::NULL_VALUE:
+      break;
+  }
+  return null();
+}
+
+JsonWriter& JsonWriter::raw(std::string_view json) {
+  separate();
+  out_ += json;
+  return *this;
+}
+
+void JsonWriter::escaped(std::string_view text, bool quotes) {
+  // Keys and short values are mostly plain: copied at once, without sizing.
+  if (text.size() <= 24) {
+    unsigned char escapes = 0;
+    for (char c : text) escapes |= kEscapes.extra[static_cast<unsigned char>(c)];
+    if (!escapes) {
+      std::size_t at = out_.size();
+      out_.resize(at + text.size() + 2 * quotes);
+      char* o = out_.data() + at;
+      if (quotes) *o++ = '"';
+      std::memcpy(o, text.data(), text.size());
+      if (quotes) o[text.size()] = '"';
+      return;
+    }
+  }
+  // Sized exactly, then written through a pointer: an editor document is JSON text
+  // itself, with a quote every few bytes, so escapes are found a word at a time and
+  // everything is stored eight bytes at a time, each store overwritten by the next
+  // (hence eight bytes of room past the end while writing).
+  const char* end = text.data() + text.size();
+  std::size_t size = text.size();
+  const char* p = text.data();
+  for (; end - p >= 8; p += 8) {
+    std::uint64_t w = loadWord(p);
+    size += byteCount(escapeMask(w));
+    for (std::uint64_t control = controlMask(w); control; control &= control - 1)
+      size += kEscapes.extra[static_cast<unsigned char>(p[firstMarked(control)])] - 1;
+  }
+  for (; p < end; ++p) size += kEscapes.extra[static_cast<unsigned char>(*p)];
+
+  if (quotes) size += 2;
+  std::size_t at = out_.size();
+  if (size > kSlack) grow(size);  // the rest of the message goes in without a copy
+  out_.resize(at + size + 8);
+  char* o = out_.data() + at;
+  if (quotes) *o++ = '"';
+  auto escape = [&o](unsigned char c) {
+    store(o, kEscapes.text[c]);
+    o += kEscapes.extra[c] + 1;
+  };
+  for (p = text.data(); end - p >= 8; p += 8) {
+    std::uint64_t w = loadWord(p);
+    int from = 0;
+    for (std::uint64_t mask = escapeMask(w); mask; mask &= mask - 1) {
+      int i = firstMarked(mask);
+      store(o, w >> 8 * from);
+      o += i - from;
+      escape(static_cast<unsigned char>(p[i]));
+      from = i + 1;
+    }
+    if (from < 8) {
+      store(o, w >> 8 * from);
+      o += 8 - from;
+    }
+  }
+  for (; p < end; ++p) {
+    auto c = static_cast<unsigned char>(*p);
+    if (kEscapes.extra[c]) {
+      escape(c);
+    } else {
+      *o++ = static_cast<char>(c);
+    }
+  }
+  if (quotes) *o = '"';
+  out_.resize(at + size);
+}
+
+}  // namespace tondrel
