@@ -14,31 +14,57 @@
 namespace tondrel::kernels {
 namespace {
 
-// Four bits for each byte of v to escape, all set when it is: NEON has no movemask,
-// but narrowing each 16-bit lane by a shift of four keeps half of each byte.
-std::uint64_t escapeMarks(uint8x16_t v) {
-  uint8x16_t marks = vorrq_u8(vcltq_u8(v, vdupq_n_u8(0x20)),
-                              vorrq_u8(vceqq_u8(v, vdupq_n_u8('"')), vceqq_u8(v, vdupq_n_u8('\\'))));
+uint8x16_t escapeMarks(uint8x16_t v) {
+  return vorrq_u8(vcltq_u8(v, vdupq_n_u8(0x20)), vorrq_u8(vceqq_u8(v, vdupq_n_u8('"')), vceqq_u8(v, vdupq_n_u8('\\'))));
+}
+
+// Four bits for each byte marked: NEON has no movemask, but narrowing each 16-bit
+// lane by a shift of four keeps half of each byte.
+std::uint64_t nibbles(uint8x16_t marks) {
   return vget_lane_u64(vreinterpret_u64_u8(vshrn_n_u16(vreinterpretq_u16_u8(marks), 4)), 0);
+}
+
+// One bit for each byte marked: each half's marks weighted by their places, and added.
+unsigned bits(uint8x16_t marks) {
+  const uint8x16_t places = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
+  uint8x16_t weighted = vandq_u8(marks, places);
+  return vaddv_u8(vget_low_u8(weighted)) | unsigned{vaddv_u8(vget_high_u8(weighted))} << 8;
 }
 
 const char* findEscapeNeon(const char* p, const char* end) {
   for (; end - p >= 16; p += 16)
-    if (std::uint64_t marks = escapeMarks(vld1q_u8(reinterpret_cast<const std::uint8_t*>(p))))
+    if (std::uint64_t marks = nibbles(escapeMarks(vld1q_u8(reinterpret_cast<const std::uint8_t*>(p)))))
       return p + std::countr_zero(marks) / 4;
   return findEscapePortable(p, end);
 }
 
+// Writes eight bytes, those marked after a backslash, from v with eight backslashes after them.
+char* spreadEscapes(uint8x16_t v, unsigned marks, char* dst) {
+  vst1q_u8(reinterpret_cast<std::uint8_t*>(dst), vqtbl1q_u8(v, vld1q_u8(kSpreads[marks].data())));
+  return dst + 8 + std::popcount(marks);
+}
+
+// With only two-byte escapes in a block, eight bytes at a time are put in their
+// places at once; with a \u00XX, a word at a time.
 Escaped escapeNeon(const char* src, const char* end, char* dst, char* dstEnd) {
+  const uint8x16x2_t letters = vld1q_u8_x2(kLetters.data());
+  const uint8x8_t backslashes = vdup_n_u8('\\');
   for (; end - src >= 16 && roomFor(dst, dstEnd); src += 16) {
     uint8x16_t v = vld1q_u8(reinterpret_cast<const std::uint8_t*>(src));
-    if (std::uint64_t marks = escapeMarks(v) & 0x1111111111111111ULL) {
-      dst = escapeWord<4>(src, marks & 0xFFFFFFFF, dst);
-      dst = escapeWord<4>(src + 8, marks >> 32, dst);
-    } else {
+    uint8x16_t marks = escapeMarks(v);
+    if (!nibbles(marks)) {
       vst1q_u8(reinterpret_cast<std::uint8_t*>(dst), v);
       dst += 16;
+      continue;
     }
+    unsigned marked = bits(marks);
+    uint8x16_t escaped = vbslq_u8(vcltq_u8(v, vdupq_n_u8(0x20)), vqtbl2q_u8(letters, v), v);
+    if (vminvq_u8(escaped) == 0) {
+      dst = escapeWords(src, marked, 2, dst);
+      continue;
+    }
+    dst = spreadEscapes(vcombine_u8(vget_low_u8(escaped), backslashes), marked & 0xFF, dst);
+    dst = spreadEscapes(vcombine_u8(vget_high_u8(escaped), backslashes), marked >> 8, dst);
   }
   return escapePortable(src, end, dst, dstEnd);
 }

@@ -89,6 +89,28 @@ inline char* escapeWords(const char* src, std::uint64_t marks, int words, char* 
   return dst;
 }
 
+// For each set of marks on eight bytes (a bit for each), which bytes to pick, in
+// order, from the eight followed by eight backslashes: a backslash before each
+// marked byte. A table lookup (pshufb, tbl) with it writes the eight with their
+// escapes at once, where each escape is two bytes.
+inline constexpr auto kSpreads = [] {
+  std::array<std::array<std::uint8_t, 16>, 256> spreads{};
+  for (int marks = 0; marks < 256; ++marks)
+    for (std::size_t i = 0, j = 0; j < 8; ++j) {
+      if (marks >> j & 1) spreads[marks][i++] = 8;
+      spreads[marks][i++] = static_cast<std::uint8_t>(j);
+    }
+  return spreads;
+}();
+
+// The letter after the backslash for each byte below 0x20 that has one, else 0.
+inline constexpr auto kLetters = [] {
+  std::array<std::uint8_t, 32> letters{};
+  for (auto [c, letter] : {std::pair{'\b', 'b'}, {'\f', 'f'}, {'\n', 'n'}, {'\r', 'r'}, {'\t', 't'}})
+    letters[static_cast<unsigned char>(c)] = static_cast<std::uint8_t>(letter);
+  return letters;
+}();
+
 inline constexpr char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 const char* findEscapePortable(const char* p, const char* end);

@@ -19,7 +19,7 @@
 
 #include "kernels_common.hpp"
 
-#define TONDREL_AVX2 [[gnu::target("avx2")]]
+#define TONDREL_AVX2 [[gnu::target("avx2,popcnt")]]
 #define TONDREL_AVX512 [[gnu::target("avx512f,avx512bw,avx512vbmi,avx512vbmi2,bmi2,popcnt")]]
 
 namespace tondrel::kernels {
@@ -71,16 +71,41 @@ TONDREL_AVX2 const char* findEscapeAvx2(const char* p, const char* end) {
   return findEscapeSse2(p, end);
 }
 
-TONDREL_AVX2 Escaped escapeAvx2(const char* src, const char* end, char* dst, char* dstEnd) {
-  for (; end - src >= 32 && roomFor(dst, dstEnd); src += 32) {
-    __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
-    if (unsigned marks = escapeMarks(v)) {
-      dst = escapeWords(src, marks, 4, dst);
-    } else {
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), v);
-      dst += 32;
-    }
+// Writes eight bytes, those marked after a backslash, from the low half of v with
+// eight backslashes in its high half.
+TONDREL_AVX2 char* spreadEscapes(__m128i v, unsigned marks, char* dst) {
+  __m128i order = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kSpreads[marks].data()));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_shuffle_epi8(v, order));
+  return dst + 8 + std::popcount(marks);
+}
+
+// Writes the 32 bytes of v, which also lie at src. With only two-byte escapes in
+// them, eight bytes at a time are put in their places at once; with a \u00XX, a
+// word at a time.
+TONDREL_AVX2 char* escapeBlock(__m256i v, const char* src, char* dst) {
+  unsigned marks = escapeMarks(v);
+  if (!marks) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), v);
+    return dst + 32;
   }
+  // Each byte below 0x10 looks up its letter; the others, with the high bit set, find 0.
+  __m256i controls = _mm256_cmpeq_epi8(_mm256_min_epu8(v, _mm256_set1_epi8(0x1F)), v);
+  __m256i index = _mm256_or_si256(v, _mm256_cmpgt_epi8(v, _mm256_set1_epi8(0x0F)));
+  __m256i letters = _mm256_shuffle_epi8(
+      _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(kLetters.data()))), index);
+  __m256i escaped = _mm256_blendv_epi8(v, letters, controls);
+  if (_mm256_movemask_epi8(_mm256_cmpeq_epi8(escaped, _mm256_setzero_si256()))) return escapeWords(src, marks, 4, dst);
+  __m256i backslashes = _mm256_set1_epi8('\\');
+  __m256i even = _mm256_unpacklo_epi64(escaped, backslashes), odd = _mm256_unpackhi_epi64(escaped, backslashes);
+  dst = spreadEscapes(_mm256_castsi256_si128(even), marks & 0xFF, dst);
+  dst = spreadEscapes(_mm256_castsi256_si128(odd), marks >> 8 & 0xFF, dst);
+  dst = spreadEscapes(_mm256_extracti128_si256(even, 1), marks >> 16 & 0xFF, dst);
+  return spreadEscapes(_mm256_extracti128_si256(odd, 1), marks >> 24, dst);
+}
+
+TONDREL_AVX2 Escaped escapeAvx2(const char* src, const char* end, char* dst, char* dstEnd) {
+  for (; end - src >= 32 && roomFor(dst, dstEnd); src += 32)
+    dst = escapeBlock(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src)), src, dst);
   return escapeSse2(src, end, dst, dstEnd);
 }
 
@@ -147,20 +172,14 @@ TONDREL_AVX512 char* expandEscapes(__m512i v, std::uint32_t marks, char* dst) {
 // Writes the 64 bytes of v, which also lie at src. With only two-byte escapes in
 // them, each byte is put in its place at once; with a \u00XX, a word at a time.
 TONDREL_AVX512 char* escapeBlock(__m512i v, const char* src, char* dst) {
-  // The letter after the backslash for each control character that has one, else 0.
-  alignas(64) static constexpr auto kLetters = [] {
-    std::array<char, 64> letters{};
-    for (auto [c, letter] : {std::pair{'\b', 'b'}, {'\f', 'f'}, {'\n', 'n'}, {'\r', 'r'}, {'\t', 't'}})
-      letters[static_cast<unsigned char>(c)] = letter;
-    return letters;
-  }();
   __mmask64 marks = escapeMarks(v);
   if (!marks) {
     _mm512_storeu_si512(dst, v);
     return dst + 64;
   }
   __mmask64 controls = _mm512_cmplt_epu8_mask(v, _mm512_set1_epi8(0x20));
-  __m512i escaped = _mm512_mask_permutexvar_epi8(v, controls, v, _mm512_load_si512(kLetters.data()));
+  __m512i letters = _mm512_broadcast_i64x4(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(kLetters.data())));
+  __m512i escaped = _mm512_mask_permutexvar_epi8(v, controls, v, letters);
   if (_mm512_mask_cmpeq_epi8_mask(controls, escaped, _mm512_setzero_si512())) return escapeWords(src, marks, 8, dst);
   dst = expandEscapes(escaped, static_cast<std::uint32_t>(marks), dst);
   return expandEscapes(_mm512_castsi256_si512(_mm512_extracti64x4_epi64(escaped, 1)),
