@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -96,8 +98,8 @@ struct Checker {
 
   void fail(std::string_view what, std::string_view text, std::size_t gap) {
     if (failures.size() < 20)
-      failures.push_back(std::string(k.name) + ": " + std::string(what) + " of " + std::to_string(text.size()) +
-                         " bytes ending " + std::to_string(gap) + " before the unmapped page");
+      failures.push_back(std::string(what) + " of " + std::to_string(text.size()) + " bytes ending " +
+                         std::to_string(gap) + " before the unmapped page");
   }
 
   // Runs every kernel on text placed to end gap bytes before an unmapped page, each
@@ -169,9 +171,19 @@ void everyByteAtEveryPlace(Checker& c) {
   }
 }
 
+// A kernel that reads or writes past its range meets an unmapped page: say which case it was in.
+char running[200];
+extern "C" void reportFault(int) {
+  constexpr char kFault[] = "FAILED with a read or write past the range, in ";
+  (void)!write(STDERR_FILENO, kFault, sizeof kFault - 1);
+  (void)!write(STDERR_FILENO, running, strnlen(running, sizeof running));
+  _exit(1);
+}
+
 }  // namespace
 
 int main() {
+  std::signal(SIGSEGV, reportFault);
   std::vector<Path> expected = {Path::portable};
 #if defined(__x86_64__)
   expected.push_back(Path::sse2);
@@ -205,6 +217,7 @@ int main() {
   };
   for (const auto& k : tondrel::kernels::availableKernels())
     for (const auto& c : cases) {
+      std::snprintf(running, sizeof running, "%s (%.*s)\n", c.name, int(k.name.size()), k.name.data());
       Checker checker{k};
       c.run(checker);
       report(std::string(c.name) + " (" + std::string(k.name) + ")", checker.failures);
