@@ -62,9 +62,9 @@ inline char* escapeByte(unsigned char c, char* dst) {
   return dst + kEscapes.length[c];
 }
 
-// Writes the eight bytes at src, escaping those marked: one mark of kBits bits for
-// each byte, the lowest bit of a mark set and its other bits clear. Each store
-// writes eight bytes, for the next to overwrite what lies past its own.
+// Writes the eight bytes at src, escaping those marked: kBits bits of marks for each
+// byte, one of them set when it is marked. Each store writes eight bytes, for the
+// next to overwrite what lies past its own.
 template <int kBits>
 char* escapeWord(const char* src, std::uint64_t marks, char* dst) {
   std::uint64_t word = load8(src);
