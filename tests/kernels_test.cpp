@@ -5,6 +5,8 @@
 // and an output with room for one block at a time. The standard library alone, so
 // that scripts/test-aarch64 builds it for AArch64 and runs it under an emulator.
 
+#include "json/kernels.hpp"
+
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,16 +14,16 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "json/kernels.hpp"
-
-using tondrel::kernels::kEscapeRoom;
 using tondrel::kernels::Kernels;
+using tondrel::kernels::kEscapeRoom;
 using tondrel::kernels::Path;
 
 namespace {
@@ -29,23 +31,19 @@ namespace {
 constexpr std::size_t kWidest = 64;
 
 std::string referenceEscape(std::string_view text) {
+  constexpr std::pair<char, std::string_view> kNamed[] = {{'"', "\\\""}, {'\\', "\\\\"}, {'\b', "\\b"},
+                                                          {'\f', "\\f"}, {'\n', "\\n"},  {'\r', "\\r"},
+                                                          {'\t', "\\t"}};
   constexpr char kHex[] = "0123456789abcdef";
   std::string out;
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          out += {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
-        } else {
-          out += static_cast<char>(c);
-        }
+  for (char c : text) {
+    auto named = std::find_if(std::begin(kNamed), std::end(kNamed), [c](auto n) { return n.first == c; });
+    if (named != std::end(kNamed)) {
+      out += named->second;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      out += {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
+    } else {
+      out += c;
     }
   }
   return out;
@@ -53,7 +51,8 @@ std::string referenceEscape(std::string_view text) {
 
 std::size_t referenceFind(std::string_view text) {
   std::size_t i = 0;
-  while (i < text.size() && static_cast<unsigned char>(text[i]) >= 0x20 && text[i] != '"' && text[i] != '\\') ++i;
+  while (i < text.size() && static_cast<unsigned char>(text[i]) >= 0x20 && text[i] != '"' && text[i] != '\\')
+    ++i;
   return i;
 }
 
@@ -152,7 +151,8 @@ std::string everyByte() {
 void everyLengthAtEveryAlignment(Checker& c) {
   // Plain text (with bytes of 0x80 and up, which signed comparisons take for controls),
   // compact JSON with a quote every few bytes and only two-byte escapes, and any bytes.
-  const std::string kinds[] = {"abc xyz~\x7F\x80\xC3\xBC\xFF", "{\"name\":\"Gitarre \xC3\xBC/1\\\b\f\n\r\t}", everyByte()};
+  const std::string kinds[] = {"abc xyz~\x7F\x80\xC3\xBC\xFF", "{\"name\":\"Gitarre \xC3\xBC/1\\\b\f\n\r\t}",
+                               everyByte()};
   std::minstd_rand random(22);
   for (const auto& alphabet : kinds)
     for (std::size_t n = 0; n <= 3 * kWidest + 1; ++n)
@@ -188,13 +188,15 @@ int main() {
 #if defined(__x86_64__)
   expected.push_back(Path::sse2);
   if (__builtin_cpu_supports("avx2")) expected.push_back(Path::avx2);
-  if (__builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2")) expected.push_back(Path::avx512);
+  if (__builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2"))
+    expected.push_back(Path::avx512);
 #elif defined(__aarch64__)
   expected.push_back(Path::neon);
 #endif
   std::vector<Path> available;
   std::string names;
-  for (const auto& k : tondrel::kernels::availableKernels()) available.push_back(k.path), names += " " + std::string(k.name);
+  for (const auto& k : tondrel::kernels::availableKernels())
+    available.push_back(k.path), names += " " + std::string(k.name);
   const auto& chosen = tondrel::kernels::kernels();
 
   int passed = 0, failed = 0;
@@ -222,7 +224,7 @@ int main() {
       c.run(checker);
       report(std::string(c.name) + " (" + std::string(k.name) + ")", checker.failures);
     }
-  std::printf("kernels%s, %s chosen: %d passed, %d failed\n", names.c_str(), std::string(chosen.name).c_str(), passed,
-              failed);
+  std::printf("kernels%s, %s chosen: %d passed, %d failed\n", names.c_str(), std::string(chosen.name).c_str(),
+              passed, failed);
   return failed ? 1 : 0;
 }

@@ -27,7 +27,8 @@ std::uint64_t escapeMarks(std::uint64_t w) {
 // Two characters for each 12 bits: half the lookups of one for each 6.
 constexpr auto kBase64Pairs = [] {
   std::array<char, 2 * 4096> pairs{};
-  for (int i = 0; i < 4096; ++i) pairs[2 * i] = kBase64Alphabet[i >> 6], pairs[2 * i + 1] = kBase64Alphabet[i & 63];
+  for (int i = 0; i < 4096; ++i)
+    pairs[2 * i] = kBase64Alphabet[i >> 6], pairs[2 * i + 1] = kBase64Alphabet[i & 63];
   return pairs;
 }();
 
@@ -41,7 +42,8 @@ const char* findEscapePortable(const char* p, const char* end) {
 }
 
 Escaped escapePortable(const char* src, const char* end, char* dst, char* dstEnd) {
-  for (; end - src >= 8 && roomFor(dst, dstEnd); src += 8) dst = escapeWord<8>(src, escapeMarks(load8(src)), dst);
+  for (; end - src >= 8 && roomFor(dst, dstEnd); src += 8)
+    dst = escapeWord<8>(src, escapeMarks(load8(src)), dst);
   for (; src < end && roomFor(dst, dstEnd); ++src) {
     auto c = static_cast<unsigned char>(*src);
     if (mustEscape(c)) {

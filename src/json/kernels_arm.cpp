@@ -15,7 +15,8 @@ namespace tondrel::kernels {
 namespace {
 
 uint8x16_t escapeMarks(uint8x16_t v) {
-  return vorrq_u8(vcltq_u8(v, vdupq_n_u8(0x20)), vorrq_u8(vceqq_u8(v, vdupq_n_u8('"')), vceqq_u8(v, vdupq_n_u8('\\'))));
+  return vorrq_u8(vcltq_u8(v, vdupq_n_u8(0x20)),
+                  vorrq_u8(vceqq_u8(v, vdupq_n_u8('"')), vceqq_u8(v, vdupq_n_u8('\\'))));
 }
 
 // Four bits for each byte marked: NEON has no movemask, but narrowing each 16-bit

@@ -94,9 +94,11 @@ TONDREL_AVX2 char* escapeBlock(__m256i v, const char* src, char* dst) {
   __m256i letters = _mm256_shuffle_epi8(
       _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(kLetters.data()))), index);
   __m256i escaped = _mm256_blendv_epi8(v, letters, controls);
-  if (_mm256_movemask_epi8(_mm256_cmpeq_epi8(escaped, _mm256_setzero_si256()))) return escapeWords(src, marks, 4, dst);
+  if (_mm256_movemask_epi8(_mm256_cmpeq_epi8(escaped, _mm256_setzero_si256())))
+    return escapeWords(src, marks, 4, dst);
   __m256i backslashes = _mm256_set1_epi8('\\');
-  __m256i even = _mm256_unpacklo_epi64(escaped, backslashes), odd = _mm256_unpackhi_epi64(escaped, backslashes);
+  __m256i even = _mm256_unpacklo_epi64(escaped, backslashes),
+          odd = _mm256_unpackhi_epi64(escaped, backslashes);
   dst = spreadEscapes(_mm256_castsi256_si128(even), marks & 0xFF, dst);
   dst = spreadEscapes(_mm256_castsi256_si128(odd), marks >> 8 & 0xFF, dst);
   dst = spreadEscapes(_mm256_extracti128_si256(even, 1), marks >> 16 & 0xFF, dst);
@@ -148,8 +150,8 @@ TONDREL_AVX512 __mmask64 firstBytes(std::size_t n) {
 }
 
 TONDREL_AVX512 __mmask64 escapeMarks(__m512i v) {
-  return _mm512_cmplt_epu8_mask(v, _mm512_set1_epi8(0x20)) | _mm512_cmpeq_epi8_mask(v, _mm512_set1_epi8('"')) |
-         _mm512_cmpeq_epi8_mask(v, _mm512_set1_epi8('\\'));
+  return _mm512_cmplt_epu8_mask(v, _mm512_set1_epi8(0x20)) |
+         _mm512_cmpeq_epi8_mask(v, _mm512_set1_epi8('"')) | _mm512_cmpeq_epi8_mask(v, _mm512_set1_epi8('\\'));
 }
 
 TONDREL_AVX512 const char* findEscapeAvx512(const char* p, const char* end) {
@@ -178,16 +180,19 @@ TONDREL_AVX512 char* escapeBlock(__m512i v, const char* src, char* dst) {
     return dst + 64;
   }
   __mmask64 controls = _mm512_cmplt_epu8_mask(v, _mm512_set1_epi8(0x20));
-  __m512i letters = _mm512_broadcast_i64x4(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(kLetters.data())));
+  __m512i letters =
+      _mm512_broadcast_i64x4(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(kLetters.data())));
   __m512i escaped = _mm512_mask_permutexvar_epi8(v, controls, v, letters);
-  if (_mm512_mask_cmpeq_epi8_mask(controls, escaped, _mm512_setzero_si512())) return escapeWords(src, marks, 8, dst);
+  if (_mm512_mask_cmpeq_epi8_mask(controls, escaped, _mm512_setzero_si512()))
+    return escapeWords(src, marks, 8, dst);
   dst = expandEscapes(escaped, static_cast<std::uint32_t>(marks), dst);
   return expandEscapes(_mm512_castsi256_si512(_mm512_extracti64x4_epi64(escaped, 1)),
                        static_cast<std::uint32_t>(marks >> 32), dst);
 }
 
 TONDREL_AVX512 Escaped escapeAvx512(const char* src, const char* end, char* dst, char* dstEnd) {
-  for (; end - src >= 64 && roomFor(dst, dstEnd); src += 64) dst = escapeBlock(_mm512_loadu_si512(src), src, dst);
+  for (; end - src >= 64 && roomFor(dst, dstEnd); src += 64)
+    dst = escapeBlock(_mm512_loadu_si512(src), src, dst);
   if (src < end && roomFor(dst, dstEnd)) {
     // The last bytes as a whole block, with spaces after them, which are written as they are.
     std::size_t n = end - src;
@@ -212,7 +217,8 @@ TONDREL_AVX512 __m512i base64Block(__m512i in) {
   }();
   // In each 64-bit half of b1 b0 b2 b1 | b1 b0 b2 b1, the bit where each index starts.
   const __m512i shifts = _mm512_set1_epi64(0x3036242a1016040a);
-  __m512i indices = _mm512_multishift_epi64_epi8(shifts, _mm512_permutexvar_epi8(_mm512_load_si512(kGroups.data()), in));
+  __m512i indices =
+      _mm512_multishift_epi64_epi8(shifts, _mm512_permutexvar_epi8(_mm512_load_si512(kGroups.data()), in));
   return _mm512_permutexvar_epi8(indices, _mm512_loadu_si512(kBase64Alphabet));
 }
 
@@ -221,7 +227,8 @@ TONDREL_AVX512 std::size_t base64Avx512(const unsigned char* src, std::size_t n,
   for (; n - i >= 64; i += 48, dst += 64) _mm512_storeu_si512(dst, base64Block(_mm512_loadu_si512(src + i)));
   for (; i < whole; i += 48, dst += 64) {
     std::size_t taken = std::min<std::size_t>(whole - i, 48);
-    _mm512_mask_storeu_epi8(dst, firstBytes(taken / 3 * 4), base64Block(_mm512_maskz_loadu_epi8(firstBytes(taken), src + i)));
+    _mm512_mask_storeu_epi8(dst, firstBytes(taken / 3 * 4),
+                            base64Block(_mm512_maskz_loadu_epi8(firstBytes(taken), src + i)));
   }
   return whole;
 }
