@@ -82,7 +82,7 @@ std::span<const Kernels> availableKernels() {
     Available a;
 #if defined(__x86_64__)
     a.add(kSse2);
-    if (__builtin_cpu_supports("avx2")) a.add(kAvx2);
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt")) a.add(kAvx2);
     if (__builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vbmi") &&
         __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("bmi2"))
       a.add(kAvx512);
