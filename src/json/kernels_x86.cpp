@@ -210,7 +210,7 @@ TONDREL_AVX512 Escaped escapeAvx512(const char* src, const char* end, char* dst,
   for (; end - src >= 64 && roomFor(dst, dstEnd); src += 64)
     dst = escapeBlock(_mm512_loadu_si512(src), src, dst);
   if (src < end && roomFor(dst, dstEnd)) {
-    // The last bytes as a whole block, with spaces after them, which are written as they are.
+    // The last bytes as a whole block, with spaces after them, written as they are and taken back.
     std::size_t n = end - src;
     alignas(64) char block[64];
     __m512i v = _mm512_mask_loadu_epi8(_mm512_set1_epi8(' '), firstBytes(n), src);
@@ -238,6 +238,7 @@ TONDREL_AVX512 __m512i base64Block(__m512i in) {
   return _mm512_permutexvar_epi8(indices, _mm512_loadu_si512(kBase64Alphabet));
 }
 
+// A block reads 64 bytes for its 48 while that many are there; the rest under a mask.
 TONDREL_AVX512 std::size_t base64Avx512(const unsigned char* src, std::size_t n, char* dst) {
   std::size_t i = 0, whole = n - n % 3;
   for (; n - i >= 64; i += 48, dst += 64) _mm512_storeu_si512(dst, base64Block(_mm512_loadu_si512(src + i)));
