@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "escape.hpp"
 #include "json_writer.hpp"
+#include "kernels.hpp"
 #include "text_cursor.hpp"
 #include "utf8.hpp"
 
@@ -171,7 +171,7 @@ class Compactor {
   // UTF-8 by now); one with escapes is decoded and written by the writer itself.
   bool string(Cursor& c) {
     const char* start = c.p++;
-    c.p = findEscape(c.p, c.end);
+    c.p = findEscape_(c.p, c.end);
     if (c.p < c.end && *c.p == '"') [[likely]] {
       keep(start, ++c.p);
       return true;
@@ -187,7 +187,7 @@ class Compactor {
       if (c.p == c.end || static_cast<unsigned char>(ch) < 0x20) return false;
       if (ch != '\\') {
         const char* run = c.p;
-        c.p = findEscape(c.p, c.end);
+        c.p = findEscape_(c.p, c.end);
         decoded_.append(run, c.p);
         continue;
       }
@@ -290,6 +290,7 @@ class Compactor {
 
   std::string& out_;
   std::string decoded_, written_;
+  const decltype(kernels::Kernels::findEscape) findEscape_ = kernels::kernels().findEscape;
 };
 
 }  // namespace

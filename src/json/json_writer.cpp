@@ -6,8 +6,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "base64.hpp"
-#include "escape.hpp"
+#include "kernels.hpp"
 #include "shortest_double.hpp"
 #include "utf8.hpp"
 
@@ -17,37 +16,11 @@ namespace {
 // Room kept after a long string for a few escapes and the rest of the message.
 constexpr std::size_t kSlack = 4096;
 
-// How many bytes are marked; std::popcount is a library call without -mpopcnt.
-std::size_t byteCount(std::uint64_t mask) {
-  return ((mask >> 7) * escape_scan::kOnes) >> 56;
+bool isPlain(std::string_view text) {
+  for (char c : text)
+    if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\') return false;
+  return true;
 }
-
-void store(char* o, std::uint64_t word) {
-  std::memcpy(o, &word, 8);
-}
-
-// The escaped form of each byte as up to eight bytes to store at once, and how
-// many bytes it adds: one for \" \\ \b \f \n \r \t, five for the other control
-// characters (\u00XX), none for the rest.
-struct Escapes {
-  std::array<std::uint64_t, 256> text{};
-  std::array<std::uint8_t, 256> extra{};
-};
-constexpr Escapes kEscapes = [] {
-  Escapes e;
-  auto set = [&](unsigned char c, std::array<char, 6> form, std::size_t length) {
-    e.text[c] = 0;
-    for (std::size_t i = 0; i < length; ++i)
-      e.text[c] |= std::uint64_t(static_cast<unsigned char>(form[i])) << 8 * i;
-    e.extra[c] = static_cast<std::uint8_t>(length - 1);
-  };
-  constexpr char kHex[] = "0123456789abcdef";
-  for (int c = 0; c < 0x20; ++c) set(c, {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]}, 6);
-  for (auto [c, letter] :
-       {std::pair{'"', '"'}, {'\\', '\\'}, {'\b', 'b'}, {'\f', 'f'}, {'\n', 'n'}, {'\r', 'r'}, {'\t', 't'}})
-    set(c, {'\\', letter}, 2);
-  return e;
-}();
 
 }  // namespace
 
@@ -118,9 +91,13 @@ void JsonWriter::base64Piece(std::string_view bytes, std::string& carry) {
 }
 
 JsonWriter& JsonWriter::endBase64String(std::string& carry) {
-  if (!carry.empty()) {
+  if (!carry.empty()) {  // the last one or two bytes, as three with zeros, then padded
+    unsigned char last[3] = {static_cast<unsigned char>(carry[0]),
+                             static_cast<unsigned char>(carry.size() > 1 ? carry[1] : 0), 0};
     char tail[4];
-    encodeBase64Tail(reinterpret_cast<const unsigned char*>(carry.data()), carry.size(), tail);
+    kernels::kernels().base64(last, 3, tail);
+    tail[3] = '=';
+    if (carry.size() == 1) tail[2] = '=';
     out_.append(tail, 4);
     carry.clear();
   }
@@ -186,10 +163,11 @@ void JsonWriter::grow(std::size_t more) {
 
 void JsonWriter::base64(const unsigned char* src, std::size_t n) {
   // Chunks through a small buffer spare the zero-fill of resizing first.
+  const auto encode = kernels::kernels().base64;
   char chunk[4096];
   for (std::size_t i = 0; i < n;) {
     std::size_t take = std::min(n - i, sizeof chunk / 4 * 3);
-    i += encodeBase64Groups(src + i, take, chunk);
+    i += encode(src + i, take, chunk);
     out_.append(chunk, take / 3 * 4);
   }
 }
@@ -270,70 +248,32 @@ JsonWriter& JsonWriter::raw(std::string_view json) {
 }
 
 void JsonWriter::escaped(std::string_view text, bool quotes) {
-  // Keys and short values are mostly plain: copied at once, without sizing.
-  if (text.size() <= 24) {
-    unsigned char escapes = 0;
-    for (char c : text) escapes |= kEscapes.extra[static_cast<unsigned char>(c)];
-    if (!escapes) {
-      std::size_t at = out_.size();
-      out_.resize(at + text.size() + 2 * quotes);
-      char* o = out_.data() + at;
-      if (quotes) *o++ = '"';
-      std::memcpy(o, text.data(), text.size());
-      if (quotes) o[text.size()] = '"';
-      return;
-    }
+  // Keys and short values are mostly plain: copied at once.
+  if (text.size() <= 24 && isPlain(text)) {
+    std::size_t at = out_.size();
+    out_.resize(at + text.size() + 2 * quotes);
+    char* o = out_.data() + at;
+    if (quotes) *o++ = '"';
+    std::memcpy(o, text.data(), text.size());
+    if (quotes) o[text.size()] = '"';
+    return;
   }
-  // Sized exactly, then written through a pointer: an editor document is JSON text
-  // itself, with a quote every few bytes, so escapes are found a word at a time and
-  // everything is stored eight bytes at a time, each store overwritten by the next
-  // (hence eight bytes of room past the end while writing).
-  const char* end = text.data() + text.size();
-  std::size_t size = text.size();
+  if (quotes) out_.push_back('"');
+  // Room for the text and an escape every eight bytes or so, which an editor's
+  // document (JSON text itself) comes near; the kernel stops where the room runs
+  // short, and the rest gets room of its own.
+  const auto escape = kernels::kernels().escape;
   const char* p = text.data();
-  for (; end - p >= 8; p += 8) {
-    std::uint64_t w = loadWord(p);
-    size += byteCount(escapeMask(w));
-    for (std::uint64_t control = controlMask(w); control; control &= control - 1)
-      size += kEscapes.extra[static_cast<unsigned char>(p[firstMarked(control)])] - 1;
+  const char* end = p + text.size();
+  while (p < end) {
+    std::size_t rest = end - p, at = out_.size(), room = rest + rest / 8 + kernels::kEscapeRoom;
+    grow(room + 1);
+    out_.resize(at + room);
+    auto [stop, written] = escape(p, end, out_.data() + at, out_.data() + at + room);
+    out_.resize(written - out_.data());
+    p = stop;
   }
-  for (; p < end; ++p) size += kEscapes.extra[static_cast<unsigned char>(*p)];
-
-  if (quotes) size += 2;
-  std::size_t at = out_.size();
-  if (size > kSlack) grow(size);  // the rest of the message goes in without a copy
-  out_.resize(at + size + 8);
-  char* o = out_.data() + at;
-  if (quotes) *o++ = '"';
-  auto escape = [&o](unsigned char c) {
-    store(o, kEscapes.text[c]);
-    o += kEscapes.extra[c] + 1;
-  };
-  for (p = text.data(); end - p >= 8; p += 8) {
-    std::uint64_t w = loadWord(p);
-    int from = 0;
-    for (std::uint64_t mask = escapeMask(w); mask; mask &= mask - 1) {
-      int i = firstMarked(mask);
-      store(o, w >> 8 * from);
-      o += i - from;
-      escape(static_cast<unsigned char>(p[i]));
-      from = i + 1;
-    }
-    if (from < 8) {
-      store(o, w >> 8 * from);
-      o += 8 - from;
-    }
-  }
-  for (; p < end; ++p) {
-    auto c = static_cast<unsigned char>(*p);
-    if (kEscapes.extra[c]) {
-      escape(c);
-    } else {
-      *o++ = static_cast<char>(c);
-    }
-  }
-  if (quotes) *o = '"';
-  out_.resize(at + size);
+  if (quotes) out_.push_back('"');
 }
 
 }  // namespace tondrel
