@@ -56,6 +56,12 @@ TEST(LineLoop, AnswersEachRequestLineInOrderAndNothingElse) {
   std::string call = toolCall("tondrel_state", 4);
   call.pop_back();
   const std::pair<std::string, std::string> lines[] = {
+      {R"({"jsonrpc":"2.0","id":0,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})",
+       R"({"jsonrpc":"2.0","id":0,"result":{"protocolVersion":"2025-06-18","capabilities":{"tools":{}},)"
+       R"("serverInfo":{"name":"tondrel","version":")" TONDREL_VERSION R"("},"instructions":"Controls the )"
+       R"(Tondrel macOS audio editor (waveforms, fades, copy-paste, multitrack, multi-format export, OSC). )"
+       R"(Call tondrel_state first; edit live with tondrel_edit (one undo step per batch); inspect silences )"
+       R"(with tondrel_silences; export with tondrel_export; check visually with tondrel_snapshot."}})"},
       {"", ""},
       {std::string(1000000, ' '), ""},
       {"{\"id\":1,\"method\":\"ping\"}\r", R"({"jsonrpc":"2.0","id":1,"result":{}})"},
@@ -221,6 +227,10 @@ TEST(ToolCalls, LargePayloadsComeThroughByteExactAndGiveTheirMemoryBack) {
       {{200, "{}", "application/json"},
        toolCall("tondrel_replace_document", 2, R"({"document":)" + doc + "}"),
        answered("{}", 2)},
+      // A large line that is parsed whole.
+      {{},
+       R"({"jsonrpc":"2.0","id":2,"method":"ping","params":{"pad":")" + std::string(20 << 20, 'x') + "\"}}\n",
+       R"({"jsonrpc":"2.0","id":2,"result":{}})"},
   };
 
   StandInEditor editor;
@@ -240,6 +250,7 @@ TEST(ToolCalls, LargePayloadsComeThroughByteExactAndGiveTheirMemoryBack) {
     }
   }
   EXPECT_TRUE(editor.requests().back().body == doc);
+  EXPECT_EQ(editor.requests().size(), 4u);
   EXPECT_EQ(editor.requests().back().headers.count("expect"), 0u) << "no wait for a 100 Continue";
 }
 

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -66,9 +67,11 @@ Child spawn(const Launch& launch) {
       rlimit limit{launch.addressSpace, launch.addressSpace};
       ::setrlimit(RLIMIT_AS, &limit);
     }
-    char binary[] = TONDREL_MCP_BINARY;
-    char* argv[] = {binary, nullptr};
-    ::execve(binary, argv, envp.data());
+    // Another build may stand in, to see what a test finds in it.
+    const char* other = std::getenv("TONDREL_TEST_BINARY");
+    std::string binary = other && *other ? other : TONDREL_MCP_BINARY;
+    char* argv[] = {binary.data(), nullptr};
+    ::execve(binary.c_str(), argv, envp.data());
     ::_exit(127);
   }
   ::close(in[0]), ::close(out[1]), ::close(err[1]);
@@ -161,13 +164,35 @@ int ServerProcess::wait(int seconds) {
   return pid_ > 0 ? -1 : status_;
 }
 
-std::size_t ServerProcess::residentMiB() const {
+namespace {
+
+// A figure of /proc/<pid>/status, in KiB; 0 where the system has none.
+std::size_t statusKiB([[maybe_unused]] int pid, [[maybe_unused]] std::string_view name) {
 #ifdef __linux__
-  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   for (std::string line; std::getline(status, line);)
-    if (line.starts_with("VmRSS:")) return std::stoul(line.substr(6)) >> 10;
+    if (line.starts_with(name)) return std::stoul(line.substr(name.size()));
 #endif
   return 0;
+}
+
+}  // namespace
+
+std::size_t ServerProcess::residentMiB() const {
+  return statusKiB(pid_, "VmRSS:") >> 10;
+}
+
+std::size_t ServerProcess::mappedBytes() const {
+  return statusKiB(pid_, "VmSize:") << 10;
+}
+
+bool ServerProcess::capAddressSpace([[maybe_unused]] std::size_t bytes) {
+#ifdef __linux__
+  rlimit limit{bytes ? bytes : RLIM_INFINITY, RLIM_INFINITY};  // the soft cap alone, which it may lift
+  return ::prlimit(pid_, RLIMIT_AS, &limit, nullptr) == 0;
+#else
+  return false;
+#endif
 }
 
 }  // namespace tondrel::test

@@ -57,6 +57,10 @@ class ServerProcess {
   int wait(int seconds);
   std::string errors();             // all it wrote on standard error; call once it has exited
   std::size_t residentMiB() const;  // 0 where the system does not tell
+  std::size_t mappedBytes() const;  // its address space in use; 0 where the system does not tell
+  // Caps its address space from now on, as `prlimit` does (0 lifts the cap); false
+  // where the system cannot.
+  bool capAddressSpace(std::size_t bytes);
 
  private:
   ssize_t readSome(char* buffer, std::size_t size);
