@@ -48,6 +48,13 @@ Child spawn(const Launch& launch) {
   std::vector<char*> envp;
   for (auto& entry : entries) envp.push_back(entry.data());
   envp.push_back(nullptr);
+  std::vector<std::string> command = launch.command;
+  // Another build of tondrel-mcp may stand in, to see what a test finds in it.
+  const char* other = std::getenv("TONDREL_TEST_BINARY");
+  if (command.empty()) command.emplace_back(other && *other ? other : TONDREL_MCP_BINARY);
+  std::vector<char*> argv;
+  for (auto& word : command) argv.push_back(word.data());
+  argv.push_back(nullptr);
 
   // Tests start servers from several threads at once: no child may inherit another
   // child's pipes, or that one would never see the end of its input.
@@ -67,11 +74,7 @@ Child spawn(const Launch& launch) {
       rlimit limit{launch.addressSpace, launch.addressSpace};
       ::setrlimit(RLIMIT_AS, &limit);
     }
-    // Another build may stand in, to see what a test finds in it.
-    const char* other = std::getenv("TONDREL_TEST_BINARY");
-    std::string binary = other && *other ? other : TONDREL_MCP_BINARY;
-    char* argv[] = {binary.data(), nullptr};
-    ::execve(binary.c_str(), argv, envp.data());
+    ::execve(argv[0], argv.data(), envp.data());
     ::_exit(127);
   }
   ::close(in[0]), ::close(out[1]), ::close(err[1]);

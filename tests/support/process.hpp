@@ -35,10 +35,11 @@ struct Launch {
   std::size_t addressSpace = 0;    // bytes of address space it may map, as `ulimit -v` sets; 0: no limit
   bool nonBlockingOutput = false;  // its standard output is a pipe in non-blocking mode
   bool closedOutput = false;       // it starts with descriptor 1 closed
+  std::vector<std::string> command = {};  // another program to run instead, by its path, and its arguments
 };
 
-// A running tondrel-mcp driven a line at a time, for sessions that change the
-// world between calls. Killed when destroyed, if still running.
+// A running tondrel-mcp (or another program, such as an editor) driven a line at a time, for
+// sessions that change the world between calls. Killed when destroyed, if still running.
 class ServerProcess {
  public:
   explicit ServerProcess(const std::vector<std::string>& environment = {})
@@ -61,6 +62,7 @@ class ServerProcess {
   // Caps its address space from now on, as `prlimit` does (0 lifts the cap); false
   // where the system cannot.
   bool capAddressSpace(std::size_t bytes);
+  int pid() const { return pid_; }  // -1 once it has exited
 
  private:
   ssize_t readSome(char* buffer, std::size_t size);
