@@ -10,29 +10,43 @@ import { fileURLToPath } from "node:url";
 
 const script = fileURLToPath(new URL("../../scripts/check-readme", import.meta.url));
 
-const cases = [
+// Lines inside a fenced block, as a user would paste them.
+const typed = [
   ["sudo apt install ./build/release/package/tondrel-mcp_0.9.0_amd64.deb", []],
   ["apt install /tmp/tondrel-mcp_0.9.0_amd64.deb", []],
   ["sudo apt install cmake g++ libsimdjson-dev", []],
   ["sudo apt install build/release/package/tondrel-mcp_0.9.0_amd64.deb", ["apt takes build/release/package/"]],
-  ["then `apt-get install -y tondrel-mcp_0.9.0_amd64.deb` as root", ["apt takes tondrel-mcp_0.9.0_amd64.deb"]],
   ["npx -y @modelcontextprotocol/inspector@0.15.0 --cli /usr/bin/tondrel-mcp", []],
   ["npx --yes some-tool@1.2.3", []],
   ["npx @modelcontextprotocol/inspector@0.15.0 --cli x", ["npx without -y"]],
   ["npx -y @modelcontextprotocol/inspector --cli x", ["without an @version"]],
-  ["`npx some-tool`", ["npx without -y", "without an @version"]],
   ['    "env": { "TONDREL_API_PORT": "17910" }', ["TONDREL_API_PORT set to 17910"]],
   ["TONDREL_API_PORT=17910 tondrel-mcp", ["TONDREL_API_PORT set to 17910"]],
   ['env = { TONDREL_API_PORT = "17911" }', []],
   ["claude mcp add --scope user tondrel --env TONDREL_API_PORT=17911 -- /usr/bin/tondrel-mcp", []],
   ["TONDREL_API_PORT=179100", []],
-  ["port 17910 or `TONDREL_API_PORT`", []],
-  ["(`%APPDATA%\\Claude\\` on Windows)", ["a Windows path (%APPDATA%)"]],
   ["C:\\Users\\me\\tondrel-mcp.exe", ["a Windows path (C:\\)"]],
-  ["Claude Desktop runs on macOS and Windows", []],
   ['  "text": "one\\ntwo\\n"', []],
   ["ssh -N -L 17910:127.0.0.1:17910 user@mac \\", []],
+  ["", []],
+  ["npx some-tool", ["npx without -y", "without an @version"]],
 ];
+// Lines of text, where only `code` is typed.
+const prose = [
+  ["then `apt-get install -y tondrel-mcp_0.9.0_amd64.deb` as root", ["apt takes tondrel-mcp_0.9.0_amd64.deb"]],
+  ["Without `-y` npx asks before it installs a package", []],
+  ["`npx some-tool`, or `npx -y other-tool@2.0.0`", ["npx without -y", "without an @version"]],
+  ["port 17910 or `TONDREL_API_PORT`, never TONDREL_API_PORT=17910 outside code", []],
+  ["(`%APPDATA%\\Claude\\` on Windows)", ["a Windows path (%APPDATA%)"]],
+  ["Claude Desktop runs on macOS and Windows", []],
+  // `code` that runs on to the next line is read whole, where it ends; a blank line ends it.
+  ["start it with `npx -y", []],
+  ["@scope/tool --cli` and then `npx -y @scope/tool@1.0.0`", ["without an @version"]],
+  ["an unclosed ` npx here", []],
+  ["", []],
+  ["npx there`", []],
+];
+const cases = [["```sh", []], ...typed, ["```", []], ...prose];
 
 test("check-readme finds each misleading line and passes the rest", () => {
   const dir = mkdtempSync(join(tmpdir(), "check-readme-"));
