@@ -101,20 +101,26 @@ test("the bundle validates, holds LICENSE, and its server starts as a host start
 // scripts/package --registry: a release gathers one bundle per platform and processor in a
 // directory and names them all in one server.json. Only this machine's bundle can be built
 // here; the others stand in as files of other bytes.
-test("server.json names each bundle of a release by its SHA-256, refusing another version or processor", () => {
+test("server.json names each bundle of a release by its SHA-256, refusing another version or processor in one line", () => {
   const other = (target) => `tondrel-mcp-${manifest.version}-${target}.mcpb`;
-  for (const [extra, written] of [
-    [[], true],
-    [[other("darwin-arm64"), other("darwin-x86_64"), other("linux-arm64")], true],
-    [["tondrel-mcp-0.0.1-darwin-arm64.mcpb"], false],
-    [[other("linux-riscv64")], false],
+  // The bundles gathered beside this machine's, and the one refused, if any.
+  for (const [extra, refused] of [
+    [[], null],
+    [[other("darwin-arm64"), other("darwin-x86_64"), other("linux-arm64")], null],
+    [["tondrel-mcp-0.0.1-darwin-arm64.mcpb"], "tondrel-mcp-0.0.1-darwin-arm64.mcpb"],
+    [[other("linux-riscv64")], other("linux-riscv64")],
   ]) {
     const release = mkdtempSync(join(scratch, "release-"));
     copyFileSync(join(dir, bundleFile), join(release, bundleFile));
     for (const name of extra) writeFileSync(join(release, name), `not ${bundleFile}: ${name}\n`);
     const done = spawnSync(repoFile("scripts/package"), ["--registry", release], { encoding: "utf8", timeout: 120000 });
-    assert.deepEqual([done.status === 0, existsSync(join(release, "server.json"))], [written, written], done.stderr);
-    if (!written) continue;
+    const written = existsSync(join(release, "server.json"));
+    assert.deepEqual([done.status === 0, written], [!refused, !refused], done.stderr);
+    if (refused) {
+      assert.equal(done.stderr.split("\n").filter(Boolean).length, 1, done.stderr);
+      assert.ok(done.stderr.startsWith(`package: ${release}/server.json not written: ${refused} is not a `), done.stderr);
+      continue;
+    }
     const entry = JSON.parse(readFileSync(join(release, "server.json"), "utf8"));
     if (extra.length === 0) assert.deepEqual(entry, registry, "the entry scripts/package wrote");
     const named = (file) => [`${entry.repository.url}/releases/download/v${manifest.version}/${file}`,
