@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -108,7 +109,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // (The server repairs a line to valid UTF-8 before either reads it.)
   bool utf8 = simdjson::validate_utf8(bytes.data(), bytes.size());
   std::string compact;
-  if (utf8 && tondrel::writeCompact(bytes, compact)) {
+  std::optional<std::string_view> as;
+  const char* end = utf8 ? tondrel::compactPrefix(bytes, compact, as) : nullptr;
+  if (end && std::string_view(end, bytes.data() + bytes.size() - end).find_first_not_of(" \t\r\n") ==
+                 std::string_view::npos) {
+    if (as) compact = *as;
     std::string written;
     if (input.parse(bytes.data(), bytes.size()).get(original) == simdjson::SUCCESS)
       tondrel::JsonWriter(written).value(original);

@@ -311,17 +311,4 @@ const char* compactPrefix(std::string_view text, std::string& out, std::optional
   return nullptr;
 }
 
-bool writeCompact(std::string_view text, std::string& out) {
-  std::size_t mark = out.size();
-  std::optional<std::string_view> as;
-  if (const char* end = compactPrefix(text, out, as)) {
-    if (as) out += *as;
-    Cursor rest{end, text.data() + text.size()};
-    rest.blanks();
-    if (rest.p == rest.end) return true;
-  }
-  out.resize(mark);
-  return false;
-}
-
 }  // namespace tondrel
