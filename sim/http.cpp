@@ -214,10 +214,12 @@ void answerFrom(const Endpoint& endpoint, Session& session, const Request& reque
                 httplib::Response& response) {
   try {
     json result = endpoint.handle(session, request);
-    if (result.is_binary())
+    if (result.is_binary()) {
+      response.status = 200;
       response.set_content(std::string(result.get_binary().begin(), result.get_binary().end()), "image/png");
-    else
+    } else {
       answer(response, 200, result);
+    }
   } catch (const SimError& error) {
     answer(response, error.status, {{"error", error.what()}});
   } catch (const json::exception& error) {
