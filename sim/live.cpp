@@ -6,8 +6,10 @@ namespace tondrel::sim {
 
 namespace {
 
-constexpr std::size_t kKeptEvents = 256;  // a page further behind starts again from a hello
-constexpr std::size_t kClipsShown = 50;   // per track: the page shows the project in short
+// A page further behind than these starts again from a hello.
+constexpr std::size_t kKeptEvents = 256, kKeptEventBytes = 4 << 20;
+// The page shows the project in short: a large one's summary stays small.
+constexpr std::size_t kTracksShown = 64, kClipsShown = 50;
 
 std::int64_t nowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -24,6 +26,7 @@ std::string text(const json& value) {
 json projectSummary(const Session& session) {
   json state = session.state(), tracks = json::array();
   for (const json& track : session.document()["tracks"]) {
+    if (tracks.size() == kTracksShown) break;
     json clips = json::array();
     for (const json& clip : track["clips"]) {
       if (clips.size() == kClipsShown) break;
@@ -41,7 +44,9 @@ json projectSummary(const Session& session) {
                       {"clipCount", track["clips"].size()},
                       {"noteCount", track["notes"].size()}});
   }
-  json summary = {{"tracks", tracks}, {"markers", session.document()["markers"].size()}};
+  json summary = {{"tracks", tracks},
+                  {"trackCount", session.document()["tracks"].size()},
+                  {"markers", session.document()["markers"].size()}};
   for (const char* key : {"file", "dirty", "changeCount", "duration", "playing", "time", "loopRange",
                           "selectionRange", "selectedClips", "selectedTrack", "undoLabel", "redoLabel"})
     summary[key] = state[key];
@@ -52,7 +57,11 @@ Live::Live(json project) : project_(std::move(project)), changedAt_(nowMs()) {}
 
 void Live::publish(const char* name, const json& data) {
   events_.emplace_back(++lastEvent_, std::string("event: ") + name + "\ndata: " + text(data) + "\n\n");
-  if (events_.size() > kKeptEvents) events_.pop_front();
+  eventBytes_ += events_.back().second.size();
+  while (events_.size() > kKeptEvents || (events_.size() > 1 && eventBytes_ > kKeptEventBytes)) {
+    eventBytes_ -= events_.front().second.size();
+    events_.pop_front();
+  }
   changed_.notify_all();
 }
 
@@ -105,9 +114,9 @@ json Live::stateLocked(json connections) const {
           {"project", project_}};
 }
 
-std::optional<json> Live::bodies(std::uint64_t id) const {
+std::optional<json> Live::logEntry(std::uint64_t id) const {
   std::lock_guard guard(mutex_);
-  return log_.bodies(id);
+  return log_.entry(id);
 }
 
 std::string Live::next(std::uint64_t& seen, std::chrono::milliseconds wait) {

@@ -36,7 +36,7 @@ class Live {
 
   std::uint64_t version() const;       // bumped by every change of the project
   json state(json connections) const;  // what /live.json answers
-  std::optional<json> bodies(std::uint64_t id) const;
+  std::optional<json> logEntry(std::uint64_t id) const;
 
   // An event stream's next text: everything that happened after event `seen` (after 0, a
   // hello with the whole state), waiting up to `wait` for something; "" when nothing came
@@ -60,6 +60,7 @@ class Live {
   std::int64_t changedAt_ = 0;
   std::deque<std::pair<std::uint64_t, std::string>> events_;  // the latest, numbered
   std::uint64_t lastEvent_ = 0;
+  std::size_t eventBytes_ = 0;
   int streams_ = 0;
   bool stopped_ = false;
 };

@@ -96,8 +96,8 @@ void installPageRoutes(httplib::Server& server, Simulator& simulator) {
              }));
   server.Get(R"(/log/(\d{1,18}))",
              guarded(simulator, [&simulator](const Request& request, Response& response) {
-               auto bodies = simulator.live().bodies(std::stoull(request.matches[1]));
-               if (bodies) return answer(response, 200, *bodies);
+               auto entry = simulator.live().logEntry(std::stoull(request.matches[1]));
+               if (entry) return answer(response, 200, *entry);
                answer(response, 404, {{"error", "that request has left the log"}});
              }));
   server.Get("/timeline.png", guarded(simulator, [&simulator](const Request&, Response& response) {

@@ -1,5 +1,5 @@
 // The live page's own paths, outside /v1: its files, its event stream, the live state
-// as JSON, each logged request's bodies, the timeline's picture and the fault controls.
+// as JSON, each logged request with its bodies, the timeline's picture and the fault controls.
 #pragma once
 
 #include <cstddef>

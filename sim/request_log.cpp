@@ -61,12 +61,13 @@ json RequestLog::list() const {
   return rows;
 }
 
-std::optional<json> RequestLog::bodies(std::uint64_t id) const {
+std::optional<json> RequestLog::entry(std::uint64_t id) const {
   if (entries_.empty() || id < entries_.front().id || id > entries_.back().id) return std::nullopt;
   const LogEntry& entry = entries_[id - entries_.front().id];
-  return json{{"id", id},
-              {"request", body(entry.requestBody, entry.requestBytes, "application/json", entry.dropped)},
-              {"answer", body(entry.answerBody, entry.answerBytes, entry.answerType, entry.dropped)}};
+  json out = row(entry);
+  out["request"] = body(entry.requestBody, entry.requestBytes, "application/json", entry.dropped);
+  out["answer"] = body(entry.answerBody, entry.answerBytes, entry.answerType, entry.dropped);
+  return out;
 }
 
 }  // namespace tondrel::sim

@@ -30,8 +30,8 @@ class RequestLog {
   static constexpr std::size_t kEntries = 1000, kBodyBytes = 64 << 10, kAllBodies = 16 << 20;
 
   const LogEntry& add(LogEntry entry);
-  json list() const;  // newest first, without bodies
-  std::optional<json> bodies(std::uint64_t id) const;
+  json list() const;                                  // newest first, without bodies
+  std::optional<json> entry(std::uint64_t id) const;  // one row, with its bodies
   std::size_t bodyBytes() const { return bodyBytes_; }
 
   static json row(const LogEntry& entry);  // what the list shows of one request

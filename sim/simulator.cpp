@@ -125,7 +125,8 @@ void Simulator::serveApi(const httplib::Request& request, httplib::Response& res
   if (fault.outcome == Outcome::serve) {
     std::lock_guard guard(lock_);
     answer();
-    if (request.method != "GET" && request.method != "HEAD") project = projectSummary(session_);
+    if (request.method != "GET" && request.method != "HEAD" && response.status == 200)
+      project = projectSummary(session_);
   } else if (fault.outcome == Outcome::status500) {
     response.status = 500;
     response.set_content(json{{"error", kStatus500Error}}.dump(), "application/json");

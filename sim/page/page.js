@@ -58,6 +58,9 @@ function showProject(project) {
       `${clip.name} at ${seconds(clip.offset)}, ${seconds(clip.duration)}`)),
       track.clipCount > track.clips.length ? `and ${track.clipCount - track.clips.length} more` : null),
     el('td', {}, String(track.noteCount)))));
+  if (project.trackCount > project.tracks.length) {
+    $('tracks').tBodies[0].append(el('tr', {}, el('td', { colspan: 6 }, `and ${project.trackCount - project.tracks.length} more tracks`)));
+  }
 }
 
 // The timeline is the snapshot's own picture; only the newest change is drawn when they come fast.

@@ -1,9 +1,11 @@
-// The simulator on a free loopback port, in this process, for the tests that speak HTTP to it.
+// The simulator on a free loopback port in this process, and what the tests of its page and
+// its faults read from it: the live state, an event stream held as a page holds it, and
+// what an agent reads when the editor is gone.
 #pragma once
 
 #include <httplib.h>
 
-#include <csignal>
+#include <string>
 #include <thread>
 
 #include "simulator.hpp"
@@ -12,26 +14,38 @@ namespace tondrel::sim::test {
 
 class RunningSim {
  public:
-  explicit RunningSim(const std::string& faults = "") : simulator_(0, 1) {
-    std::signal(SIGPIPE, SIG_IGN);  // as main does: a peer that has gone is an error, not a signal
-    simulator_.setFaults(parseFaults(faults));
-    port_ = simulator_.bindAnyPort();
-    thread_ = std::thread([this] { simulator_.run(); });
-    httplib::Client probe("127.0.0.1", port_);
-    while (!probe.Get("/live.json")) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  ~RunningSim() {
-    simulator_.stop();
-    thread_.join();
-  }
+  explicit RunningSim(const std::string& faults = "");
+  ~RunningSim();
   int port() const { return port_; }
   httplib::Client client() const { return httplib::Client("127.0.0.1", port_); }
-  Simulator& simulator() { return simulator_; }
 
  private:
-  Simulator simulator_;
+  Simulator simulator_{0, 1};
   int port_ = 0;
   std::thread thread_;
+};
+
+// '#' stands for the port.
+inline const std::string kUnreachable =
+    "Tondrel is not reachable at http://127.0.0.1:# \u2014 launch /Applications/Tondrel.app and retry.";
+std::string withPort(std::string text, int port);
+
+json liveState(int port);  // GET /live.json; null when it gets no answer
+
+// GET /events on a connection of its own.
+class EventStream {
+ public:
+  explicit EventStream(int port);
+  ~EventStream();
+  EventStream(const EventStream&) = delete;
+  EventStream& operator=(const EventStream&) = delete;
+  // Whether the stream brings `piece` after what earlier waits found, within 10 s.
+  bool waitFor(const std::string& piece);
+
+ private:
+  int fd_ = -1;
+  std::string text_;
+  std::size_t from_ = 0;
 };
 
 }  // namespace tondrel::sim::test

@@ -1,4 +1,4 @@
-#include "page_client.hpp"
+#include "running_sim.hpp"
 
 #include <arpa/inet.h>
 #include <httplib.h>
@@ -7,8 +7,22 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 
 namespace tondrel::sim::test {
+
+RunningSim::RunningSim(const std::string& faults) {
+  std::signal(SIGPIPE, SIG_IGN);  // as main does: a peer that has gone is an error, not a signal
+  simulator_.setFaults(parseFaults(faults));
+  port_ = simulator_.bindAnyPort();
+  thread_ = std::thread([this] { simulator_.run(); });
+  while (liveState(port_).is_null()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+RunningSim::~RunningSim() {
+  simulator_.stop();
+  thread_.join();
+}
 
 std::string withPort(std::string text, int port) {
   if (auto at = text.find('#'); at != std::string::npos) text.replace(at, 1, std::to_string(port));
@@ -35,16 +49,11 @@ EventStream::~EventStream() {
   if (fd_ >= 0) close(fd_);
 }
 
-std::string EventStream::waitFor(const std::string& piece) {
+bool EventStream::waitFor(const std::string& piece) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   for (;;) {
-    if (std::size_t at = text_.find(piece, from_); at != std::string::npos) {
-      std::size_t start = text_.rfind("event: ", at), end = text_.find("\n\n", at);
-      if (start != std::string::npos && end != std::string::npos) {
-        from_ = end;
-        return text_.substr(start, end - start);
-      }
-    }
+    if (std::size_t at = text_.find(piece, from_); at != std::string::npos)
+      return from_ = at + piece.size(), true;
     auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd ready{fd_, POLLIN, 0};
@@ -52,7 +61,7 @@ std::string EventStream::waitFor(const std::string& piece) {
     ssize_t got = 0;
     if (fd_ < 0 || left.count() <= 0 || poll(&ready, 1, int(left.count())) <= 0 ||
         (got = recv(fd_, buffer, sizeof buffer, 0)) <= 0)
-      return "";
+      return false;
     text_.append(buffer, std::size_t(got));
   }
 }
