@@ -119,20 +119,20 @@ std::optional<json> Live::logEntry(std::uint64_t id) const {
   return log_.entry(id);
 }
 
-std::string Live::next(std::uint64_t& seen, std::chrono::milliseconds wait) {
+std::string Live::next(std::optional<std::uint64_t>& seen, std::chrono::milliseconds wait) {
   std::unique_lock guard(mutex_);
   if (stopped_) return "";
-  if (seen == 0 || (!events_.empty() && seen + 1 < events_.front().first)) {
+  if (!seen || (!events_.empty() && *seen + 1 < events_.front().first)) {
     seen = lastEvent_;
     json hello = stateLocked(connections_);
     hello["log"] = log_.list();
     // A page that loses its stream tries again a second later.
     return "retry: 1000\nevent: hello\ndata: " + text(hello) + "\n\n";
   }
-  changed_.wait_for(guard, wait, [&] { return stopped_ || lastEvent_ > seen; });
+  changed_.wait_for(guard, wait, [&] { return stopped_ || lastEvent_ > *seen; });
   std::string out;
   for (const auto& [number, event] : events_)
-    if (number > seen && !stopped_) out += event;
+    if (number > *seen && !stopped_) out += event;
   seen = lastEvent_;
   return out;
 }

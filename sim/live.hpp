@@ -38,10 +38,10 @@ class Live {
   json state(json connections) const;  // what /live.json answers
   std::optional<json> logEntry(std::uint64_t id) const;
 
-  // An event stream's next text: everything that happened after event `seen` (after 0, a
-  // hello with the whole state), waiting up to `wait` for something; "" when nothing came
-  // or once stopped.
-  std::string next(std::uint64_t& seen, std::chrono::milliseconds wait);
+  // An event stream's next text: everything that happened after event `seen` (for a stream
+  // that has seen nothing yet, a hello with the whole state), waiting up to `wait` for
+  // something; "" when nothing came or once stopped.
+  std::string next(std::optional<std::uint64_t>& seen, std::chrono::milliseconds wait);
   bool openStream();  // false when kMostStreams are open
   void closeStream();
   void stop();  // every stream ends

@@ -48,7 +48,7 @@ void events(Simulator& simulator, Response& response) {
   Live& live = simulator.live();
   if (!live.openStream()) return answer(response, 503, {{"error", "too many pages are open"}});
   response.set_header("Cache-Control", "no-store");
-  auto seen = std::make_shared<std::uint64_t>(0);
+  auto seen = std::make_shared<std::optional<std::uint64_t>>();
   response.set_chunked_content_provider(
       "text/event-stream",
       [&live, seen](std::size_t, httplib::DataSink& sink) {
