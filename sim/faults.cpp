@@ -1,5 +1,6 @@
 #include "faults.hpp"
 
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 
@@ -41,7 +42,9 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
 double number(std::string_view text) {
   std::string copy(text);
   char* end = nullptr;
-  double value = copy.empty() || copy[0] == ' ' ? NAN : std::strtod(copy.c_str(), &end);
+  double value = copy.empty() || std::isspace(static_cast<unsigned char>(copy[0]))
+                     ? NAN
+                     : std::strtod(copy.c_str(), &end);
   return std::isfinite(value) && end == copy.c_str() + copy.size() ? value : NAN;
 }
 
@@ -54,8 +57,8 @@ Milliseconds duration(std::string_view text, std::string_view rule, Milliseconds
       break;
     }
   double value = number(text);
-  if (scale == 0 || !(value > 0) || value * scale > double(longest.count()))
-    throw SimError(std::string(rule) + ": the duration must be more than 0 and at most " +
+  if (scale == 0 || !(value * scale >= 1 && value * scale <= double(longest.count())))
+    throw SimError(std::string(rule) + ": the duration must be from 1ms to " +
                    std::to_string(longest.count() / 60000) + " minutes, written like 250ms, 3s or 2m");
   return Milliseconds(std::llround(value * scale));
 }

@@ -21,6 +21,7 @@ TEST(Faults, TheGrammarReadsEveryKindAndNamesWhatIsWrong) {
       {"bogus", "!unknown fault 'bogus' (delay=T, status500, close, down=T, serial)"},
       {"delay", "!delay: delay needs a duration, as in delay=3s"},
       {"delay=3", "!written like 250ms, 3s or 2m"},
+      {"delay=0.5ms", "!the duration must be from 1ms to 10 minutes"},
       {"close=1", "!close=1: close takes no value"},
       {"serial/every=2", "!serial takes no trigger"},
       {"close/p=1.5", "!p needs a probability above 0 and at most 1"},
