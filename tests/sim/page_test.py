@@ -149,6 +149,7 @@ def test(build, binary, folder):
                                "!document.querySelector('#log tr.request')", 'the restarted simulator')
         print(f'page test: passed; the timeline was redrawn {redraw} ms after the change')
     finally:
+        signal.alarm(0)  # the cleaning up is bounded by itself, and must not be cut short
         for process in filter(None, (mcp, sim)):
             process.kill()
             process.wait()
@@ -164,6 +165,7 @@ def screenshot(binary, folder, url, file):
         picture = browser.call('Page.captureScreenshot', {'captureBeyondViewport': True}, page)['data']
         open(file, 'wb').write(base64.b64decode(picture))
     finally:
+        signal.alarm(0)
         browser.close()
 
 
