@@ -209,25 +209,30 @@ json help(Session&, const Request&) {
           {"osc", "The simulator takes no OSC input; oscInPort is null."}};
 }
 
-// Each request runs under the lock and inside its own catch, so no input stops the process.
-httplib::Server::Handler route(const Endpoint& endpoint, Session& session, std::mutex& lock) {
-  return [&endpoint, &session, &lock](const Request& request, httplib::Response& response) {
-    std::lock_guard guard(lock);
-    try {
-      json result = endpoint.handle(session, request);
-      if (result.is_binary())
-        response.set_content(std::string(result.get_binary().begin(), result.get_binary().end()),
-                             "image/png");
-      else
-        answer(response, 200, result);
-    } catch (const SimError& error) {
-      answer(response, error.status, {{"error", error.what()}});
-    } catch (const json::exception& error) {
-      answer(response, 400, {{"error", std::string("malformed request: ") + error.what()}});
-    } catch (const std::exception& error) {
-      answer(response, 500, {{"error", std::string("the simulator failed: ") + error.what()}});
+// Each request runs inside its own catch, so no input stops the process.
+void answerFrom(const Endpoint& endpoint, Session& session, const Request& request,
+                httplib::Response& response) {
+  try {
+    json result = endpoint.handle(session, request);
+    if (result.is_binary()) {
+      response.status = 200;
+      response.set_content(std::string(result.get_binary().begin(), result.get_binary().end()), "image/png");
+    } else {
+      answer(response, 200, result);
     }
-  };
+  } catch (const SimError& error) {
+    answer(response, error.status, {{"error", error.what()}});
+  } catch (const json::exception& error) {
+    answer(response, 400, {{"error", std::string("malformed request: ") + error.what()}});
+  } catch (const std::exception& error) {
+    answer(response, 500, {{"error", std::string("the simulator failed: ") + error.what()}});
+  }
+}
+
+void noSuchEndpoint(const Request& request, httplib::Response& response) {
+  answer(
+      response, 404,
+      {{"error", "no such endpoint: " + request.method + " " + request.path + "; GET /v1/help lists them"}});
 }
 
 void configureConnections(httplib::Server& server) {
@@ -247,24 +252,34 @@ void configureConnections(httplib::Server& server) {
 
 }  // namespace
 
-void installRoutes(httplib::Server& server, Session& session, std::mutex& lock) {
+void installRoutes(httplib::Server& server, Session& session, ServeRequest serve) {
   configureConnections(server);
   for (const Endpoint& endpoint : kEndpoints) {
+    httplib::Server::Handler handler = [&endpoint, &session, serve](const Request& request,
+                                                                    httplib::Response& response) {
+      serve(request, response, [&] { answerFrom(endpoint, session, request, response); });
+    };
     std::string method = endpoint.method;
     if (method == "GET")
-      server.Get(endpoint.path, route(endpoint, session, lock));
+      server.Get(endpoint.path, handler);
     else if (method == "PUT")
-      server.Put(endpoint.path, route(endpoint, session, lock));
+      server.Put(endpoint.path, handler);
     else
-      server.Post(endpoint.path, route(endpoint, session, lock));
+      server.Post(endpoint.path, handler);
   }
+  // Registered after the endpoints, so only what none of them takes comes here.
+  httplib::Server::Handler unknown = [serve](const Request& request, httplib::Response& response) {
+    serve(request, response, [&] { noSuchEndpoint(request, response); });
+  };
+  const char* anyPath = R"(/v1/.*)";
+  server.Get(anyPath, unknown).Post(anyPath, unknown).Put(anyPath, unknown).Delete(anyPath, unknown);
+  server.Patch(anyPath, unknown);
   server.set_error_handler([](const Request& request, httplib::Response& response) {
     if (!response.body.empty()) return;
-    std::string message =
-        response.status == 404
-            ? "no such endpoint: " + request.method + " " + request.path + "; GET /v1/help lists them"
-            : "the request could not be read (HTTP status " + std::to_string(response.status) + ")";
-    answer(response, response.status, {{"error", message}});
+    if (response.status == 404) return noSuchEndpoint(request, response);
+    answer(
+        response, response.status,
+        {{"error", "the request could not be read (HTTP status " + std::to_string(response.status) + ")"}});
   });
   server.set_exception_handler([](const Request&, httplib::Response& response, std::exception_ptr) {
     answer(response, 500, {{"error", "the simulator failed on this request"}});

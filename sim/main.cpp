@@ -1,6 +1,6 @@
 // tondrel-editor-sim: a headless stand-in for the Tondrel editor's HTTP API,
 // for machines where the editor cannot run.
-#include <httplib.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -9,26 +9,31 @@
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <random>
 #include <string>
 
 #include "audio.hpp"
 #include "editor_port.hpp"
-#include "http.hpp"
 #include "project_files.hpp"
+#include "simulator.hpp"
 
 namespace {
 
-constexpr const char* kHost = "127.0.0.1";  // the loopback interface only, as the editor listens
+using tondrel::sim::kHost;
 
 std::string usage() {
   std::string port = std::string(tondrel::kPortVariable) + " or " + std::to_string(tondrel::kDefaultPort);
-  return "usage: tondrel-editor-sim [--port N] [--seed N] [--open FILE]\n"
+  return "usage: tondrel-editor-sim [--port N] [--seed N] [--open FILE] [--faults LIST]\n"
          "         serve the editor's API on " +
          std::string(kHost) + ", port N (default: " + port +
-         ")\n"
-         "         --seed N     make the ids of new tracks, clips, notes and markers the same on every run\n"
-         "         --open FILE  start from a project file (.tondrel or .json, as save writes it) or an audio "
+         "), and its live page at /\n"
+         "         --seed N       make the ids of new tracks, clips, notes and markers, and the faults\n"
+         "                        given with p=, the same on every run\n"
+         "         --open FILE    start from a project file (.tondrel or .json, as save writes it) or an "
+         "audio "
          "file\n"
+         "         --faults LIST  make /v1 fail on purpose, for example\n"
+         "                        delay=3s/every=4,status500/p=0.1,close/every=7,down=10s/after=3,serial\n"
          "       tondrel-editor-sim --write-test-tone FILE.wav   write a 4-second test tone with two "
          "silences\n";
 }
@@ -49,6 +54,7 @@ struct Options {
   int port = 0;
   std::optional<unsigned long> seed;
   std::optional<std::string> open;
+  std::vector<tondrel::sim::FaultRule> faults;
 };
 
 }  // namespace
@@ -68,6 +74,12 @@ int main(int argc, char** argv) {
       long seed = number(argv[++i], 0, 2147483647);
       if (seed < 0) return fail("--seed needs a number from 0 to 2147483647", 2);
       options.seed = static_cast<unsigned long>(seed);
+    } else if (argument == "--faults" && value) {
+      try {
+        options.faults = tondrel::sim::parseFaults(argv[++i]);
+      } catch (const std::exception& error) {
+        return fail(std::string("--faults: ") + error.what(), 2);
+      }
     } else if (argument == "--open" && value) {
       options.open = std::filesystem::absolute(argv[++i]).string();
     } else if (argument == "--write-test-tone" && value) {
@@ -85,22 +97,23 @@ int main(int argc, char** argv) {
 
   std::signal(SIGPIPE, SIG_IGN);
   if (options.seed) tondrel::sim::seedIds(*options.seed);
-  tondrel::sim::Session session(options.port);
+  tondrel::sim::Simulator simulator(options.port, options.seed ? *options.seed : std::random_device()());
   try {
-    if (options.open) tondrel::sim::openFile(session, *options.open);
+    if (options.open) simulator.open(*options.open);
   } catch (const std::exception& error) {
     return fail("cannot open " + *options.open + ": " + error.what());
   }
-  std::mutex lock;
-  httplib::Server server;
-  tondrel::sim::installRoutes(server, session, lock);
-  errno = 0;
-  if (!server.bind_to_port(kHost, options.port)) {
+  simulator.setFaults(options.faults);
+  if (!simulator.bind(options.port)) {
     if (errno == EADDRINUSE)
       return fail("port " + std::to_string(options.port) +
                   " is already in use (another simulator or the editor?)");
     return fail("cannot listen on " + std::string(kHost) + ":" + std::to_string(options.port) + ": " +
                 std::strerror(errno));
   }
-  return server.listen_after_bind() ? 0 : 1;
+  // Said once, to a person: nothing reads standard error while the simulator serves a host.
+  if (isatty(2))
+    std::cerr << "tondrel-editor-sim: the live page is at http://" << kHost << ":" << options.port << "/\n";
+  simulator.run();
+  return 0;
 }

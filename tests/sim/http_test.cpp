@@ -16,36 +16,13 @@
 #include <thread>
 
 #include "process.hpp"
+#include "running_sim.hpp"
 #include "sim_support.hpp"
 
 extern char** environ;  // macOS's unistd.h does not declare it
 
 namespace tondrel::sim::test {
 namespace {
-
-// The simulator on a free loopback port, in this process.
-class RunningSim {
- public:
-  RunningSim() : session_(0) {
-    installRoutes(server_, session_, lock_);
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  ~RunningSim() {
-    server_.stop();
-    thread_.join();
-  }
-  int port() const { return port_; }
-  httplib::Client client() const { return httplib::Client("127.0.0.1", port_); }
-
- private:
-  Session session_;
-  std::mutex lock_;
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
-};
 
 // The local port of a socket, and of its peer; 0 where it has none.
 std::pair<int, int> ports(int fd) {

@@ -1,0 +1,16 @@
+# Writes OUTPUT, a C++ source that holds the page's files (INPUTS, separated by "|"),
+# so that the simulator serves its page from its own binary, with no file to install.
+string(REPLACE "|" ";" inputs "${INPUTS}")
+set(code "// Written by sim/page/embed.cmake from the files in sim/page/.\n#include \"page.hpp\"\n\n")
+string(APPEND code "namespace tondrel::sim {\n\nconst PageFile kPageFiles[] = {\n")
+foreach(input IN LISTS inputs)
+  file(READ "${input}" body)
+  string(FIND "${body}" ")PAGE\"" clash)
+  if(NOT clash EQUAL -1)
+    message(FATAL_ERROR "${input} holds )PAGE\", which ends the string it is embedded in")
+  endif()
+  get_filename_component(name "${input}" NAME)
+  string(APPEND code "    {\"${name}\", R\"PAGE(${body})PAGE\"},\n")
+endforeach()
+string(APPEND code "};\nconst std::size_t kPageFileCount = std::size(kPageFiles);\n\n}  // namespace tondrel::sim\n")
+file(WRITE "${OUTPUT}" "${code}")
