@@ -52,6 +52,7 @@ class Bridge final : public tondrel::LineHandler, public tondrel::IdleWatch {
 
   int descriptor() const override { return editor_.idleConnection(); }
   void expire() override { editor_.closeIdleConnection(); }
+  void stayedQuiet() override { editor_.idleConnectionWasQuiet(); }
 
  private:
   tondrel::TondrelMCPServer& server_;

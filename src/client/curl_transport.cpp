@@ -12,6 +12,7 @@
 #include <charconv>
 #include <chrono>
 #include <new>
+#include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -49,16 +50,10 @@ Clock::time_point lastArrival(int fd, Clock::time_point now, [[maybe_unused]] st
   return {};
 }
 
-// The length of the body HTTP gives an answer of this status and these headers: a
-// Content-Length counts only where the answer has a body and no transfer coding.
-std::uint64_t announcedLength(long status, const std::unordered_map<std::string, std::string>& headers) {
-  if (status == 204 || status == 304 || headers.contains("transfer-encoding")) return 0;
-  auto found = headers.find("content-length");
-  if (found == headers.end()) return 0;
-  std::uint64_t length = 0;
-  const std::string& text = found->second;
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
-  return error == std::errc() && end == text.data() + text.size() ? length : 0;
+// A header's name, folded to lower case, equals a name written in lower case.
+bool named(std::string_view name, std::string_view lower) {
+  return name.size() == lower.size() &&
+         std::equal(name.begin(), name.end(), lower.begin(), [](char a, char b) { return std::tolower(a) == b; });
 }
 
 }  // namespace
@@ -73,6 +68,7 @@ class CurlClient::Impl {
     if (!curl_) return;
     forgetURLs();
     closeConnections();
+    if (easy_) curl_->easy_cleanup(easy_);
     curl_->slist_free_all(bodyHeaders_);
     curl_->slist_free_all(plainHeaders_);
     curl_->slist_free_all(emptyHeaders_);
@@ -92,7 +88,10 @@ class CurlClient::Impl {
     // again: what it holds would be read as this request's answer.
     bool fresh = method != "GET";
     if (!sockets_.empty() && (fresh || idleConnectionIsStale())) closeConnections();
+    quietSince_ = {};
     if (!easy_) open();
+    if (!multi_ && !(multi_ = curl_->multi_init())) throw std::bad_alloc();
+    curl_->multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);  // a request on a connection of its own retires the older one
 
     method_.assign(method);
     setopt(CURLOPT_CURLU, url);
@@ -113,13 +112,16 @@ class CurlClient::Impl {
     }
     setopt(CURLOPT_CUSTOMREQUEST, method_.c_str());
 
-    response_ = APIResponse{};
+    response_.status = 0;
+    response_.contentType.clear();
+    announced_ = 0;
+    chunked_ = false;
     sink_ = &sink;
     headed_ = false;
     failure_ = nullptr;
     moved_ = 0;
     lastMoved_ = Clock::now();
-    CURLcode code = curl_->easy_perform(easy_);
+    CURLcode code = perform();
     if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
     if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
     // An answer cut off before its head was complete is no answer at all.
@@ -129,13 +131,16 @@ class CurlClient::Impl {
 
   int idleConnection() const { return sockets_.empty() ? -1 : sockets_.front(); }
 
-  // Closing the handle closes every connection it kept.
+  // Closing the multi handle closes every connection it kept.
   void closeConnections() {
-    if (!easy_) return;
-    curl_->easy_cleanup(easy_);
-    easy_ = nullptr;
+    if (!multi_) return;
+    curl_->multi_cleanup(multi_);
+    multi_ = nullptr;
     sockets_.clear();
   }
+
+  // The line loop has just watched the idle connection, and nothing came.
+  void noteQuiet() { quietSince_ = Clock::now(); }
 
  private:
   template <typename T>
@@ -161,13 +166,29 @@ class CurlClient::Impl {
     curl_ = curl, plainHeaders_ = plain, emptyHeaders_ = empty, bodyHeaders_ = json;
   }
 
+  // A transfer on our own multi handle: sent at once, then a wait on the socket
+  // alone (curl_easy_perform polls its wake-up socket besides, one syscall more).
+  CURLcode perform() {
+    if (CURLMcode added = curl_->multi_add_handle(multi_, easy_); added != CURLM_OK)
+      return added == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_FAILED_INIT;
+    int running = 1;
+    CURLMcode code;
+    while ((code = curl_->multi_perform(multi_, &running)) == CURLM_OK && running)
+      if ((code = curl_->multi_wait(multi_, nullptr, 0, 1000, nullptr)) != CURLM_OK) break;
+    CURLcode result = code == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_RECV_ERROR;
+    int left;
+    for (CURLMsg* message; (message = curl_->multi_info_read(multi_, &left));)
+      if (message->msg == CURLMSG_DONE && code == CURLM_OK) result = message->data.result;
+    curl_->multi_remove_handle(multi_, easy_);
+    return result;
+  }
+
   void open() {
     easy_ = curl_->easy_init();
     if (!easy_) throw std::bad_alloc();
     setopt(CURLOPT_NOSIGNAL, 1L);
     setopt(CURLOPT_PROXY, "");  // the editor is on loopback: never via a proxy from the environment
     setopt(CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_1_1));
-    setopt(CURLOPT_MAXCONNECTS, 1L);  // a request on a connection of its own retires the older one
     // The timeout bounds connecting and silence, never a long answer that keeps flowing.
     setopt(CURLOPT_CONNECTTIMEOUT_MS, long(timeout_ * 1000));
     setopt(CURLOPT_NOPROGRESS, 0L);
@@ -185,9 +206,10 @@ class CurlClient::Impl {
   }
 
   // An idle kept-alive connection should have nothing to read: bytes, an end of
-  // stream or an error on it all mean it must not carry the next request.
+  // stream or an error on it all mean it must not carry the next request. A look
+  // the line loop took a moment ago stands for one of our own.
   bool idleConnectionIsStale() const {
-    if (sockets_.empty()) return false;
+    if (sockets_.empty() || Clock::now() - quietSince_ < std::chrono::milliseconds(1)) return false;
     pollfd p{sockets_.front(), POLLIN, 0};
     while (::poll(&p, 1, 0) < 0 && errno == EINTR) {
     }
@@ -264,32 +286,40 @@ class CurlClient::Impl {
     return self.guarded([&] { self.header({data, size}); }) ? size : 0;
   }
 
+  // Of the head, the status and what the result needs: the content type and the
+  // length HTTP gives the body.
   void header(std::string_view line) {
-    lastMoved_ = Clock::now();
+    if (headed_) return;  // trailers after a chunked body are not the head
     if (line.starts_with("HTTP/")) {  // a new response begins (after a 1xx, say)
-      response_.headers.clear();
+      response_.contentType.clear();
+      announced_ = 0;
+      chunked_ = false;
       return;
     }
     if (line == "\r\n" || line == "\n") {
       long status = 0;
       curl_->easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
-      if (status >= 200 && !headed_) {  // the final answer's head is complete
-        response_.status = status;
-        if (auto found = response_.headers.find("content-type"); found != response_.headers.end())
-          response_.contentType = found->second;
-        headed_ = true;
-        sink_->head(response_, announcedLength(status, response_.headers));
-      }
+      if (status < 200) return;  // an interim answer: the final one follows
+      // A length counts only where the answer has a body and no transfer coding.
+      if (status == 204 || status == 304 || chunked_) announced_ = 0;
+      response_.status = status;
+      headed_ = true;
+      sink_->head(response_, announced_);
       return;
     }
     auto colon = line.find(':');
-    if (colon == std::string_view::npos || headed_) return;  // trailers after a chunked body are not the head
-    std::string name(line.substr(0, colon));
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-    std::string_view value = line.substr(colon + 1);
+    if (colon == std::string_view::npos) return;
+    std::string_view name = line.substr(0, colon), value = line.substr(colon + 1);
     while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
     while (!value.empty() && std::isspace(static_cast<unsigned char>(value.back()))) value.remove_suffix(1);
-    response_.headers.insert_or_assign(std::move(name), std::string(value));
+    if (named(name, "content-type")) {
+      response_.contentType.assign(value);
+    } else if (named(name, "content-length")) {
+      auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), announced_);
+      if (error != std::errc() || end != value.data() + value.size()) announced_ = 0;
+    } else if (named(name, "transfer-encoding")) {
+      chunked_ = true;
+    }
   }
 
   static curl_socket_t onOpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
@@ -323,6 +353,7 @@ class CurlClient::Impl {
   const double timeout_;
   const Libcurl* curl_ = nullptr;
   CURL* easy_ = nullptr;
+  CURLM* multi_ = nullptr;  // holds the connection kept between calls
   curl_slist* plainHeaders_ = nullptr;
   curl_slist* bodyHeaders_ = nullptr;
   curl_slist* emptyHeaders_ = nullptr;
@@ -330,13 +361,18 @@ class CurlClient::Impl {
   CURLU* uncached_ = nullptr;
   std::vector<curl_socket_t> sockets_;  // open connections: the one idle between calls, at most
   std::string method_;
+  // The head as the sink gets it. The headers are not kept: the result needs the
+  // content type and the body's length alone, found as the head arrives.
   APIResponse response_;
+  std::uint64_t announced_ = 0;
+  bool chunked_ = false;
   AnswerSink* sink_ = nullptr;
   bool headed_ = false;
   std::exception_ptr failure_;
   curl_off_t moved_ = 0;
   Clock::time_point lastMoved_;
   std::uint64_t received_ = 0;  // bytes the kernel had received on the connection, where it says
+  Clock::time_point quietSince_;
 };
 
 CurlClient::CurlClient(std::string base, double timeout)
@@ -355,6 +391,10 @@ int CurlClient::idleConnection() const {
 
 void CurlClient::closeIdleConnection() {
   impl_->closeConnections();
+}
+
+void CurlClient::idleConnectionWasQuiet() {
+  impl_->noteQuiet();
 }
 
 Transport curlTransport(std::shared_ptr<CurlClient> client) {

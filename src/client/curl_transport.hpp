@@ -34,6 +34,9 @@ class CurlClient {
   // tondrel-mcp may be waiting for an editor that serves one connection at a time.
   int idleConnection() const;
   void closeIdleConnection();
+  // Nothing arrived on the idle connection while the line loop watched it, just now:
+  // the look before the next request is not needed.
+  void idleConnectionWasQuiet();
 
  private:
   class Impl;

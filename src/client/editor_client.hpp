@@ -17,7 +17,7 @@ struct APIResponse {
   std::int64_t status = 0;
   std::string data;         // empty: the body streams to an AnswerSink, so that a large one is held once
   std::string contentType;  // as received, parameters included; "" when absent
-  std::unordered_map<std::string, std::string> headers;  // names in lower case
+  std::unordered_map<std::string, std::string> headers;  // names in lower case; empty, as data, when streamed
 };
 
 class ProxyError : public std::exception {

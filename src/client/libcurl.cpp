@@ -28,7 +28,7 @@ const Libcurl* load() {
     // memory, anything else (above all a file that is not there) a missing library.
     std::string_view why = dlerror();
     memory =
-        memory || why.find("map") != std::string_view::npos || why.find("memory") != std::string_view::npos;
+        memory || why.find("map ") != std::string_view::npos || why.find("memory") != std::string_view::npos;
   }
   if (!handle && memory) throw std::bad_alloc();
   if (!handle) return nullptr;
@@ -42,7 +42,6 @@ const Libcurl* load() {
   bind(curl.global_init, "curl_global_init");
   bind(curl.easy_init, "curl_easy_init");
   bind(curl.easy_setopt, "curl_easy_setopt");
-  bind(curl.easy_perform, "curl_easy_perform");
   bind(curl.easy_getinfo, "curl_easy_getinfo");
   bind(curl.easy_cleanup, "curl_easy_cleanup");
   bind(curl.slist_append, "curl_slist_append");
@@ -50,6 +49,14 @@ const Libcurl* load() {
   bind(curl.url, "curl_url");
   bind(curl.url_set, "curl_url_set");
   bind(curl.url_cleanup, "curl_url_cleanup");
+  bind(curl.multi_init, "curl_multi_init");
+  bind(curl.multi_setopt, "curl_multi_setopt");
+  bind(curl.multi_add_handle, "curl_multi_add_handle");
+  bind(curl.multi_remove_handle, "curl_multi_remove_handle");
+  bind(curl.multi_perform, "curl_multi_perform");
+  bind(curl.multi_wait, "curl_multi_wait");
+  bind(curl.multi_info_read, "curl_multi_info_read");
+  bind(curl.multi_cleanup, "curl_multi_cleanup");
   if (!complete) return nullptr;
   if (CURLcode code = curl.global_init(CURL_GLOBAL_DEFAULT); code != CURLE_OK) {
     if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();

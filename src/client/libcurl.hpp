@@ -11,7 +11,6 @@ struct Libcurl {
   decltype(&curl_global_init) global_init;
   decltype(&curl_easy_init) easy_init;
   decltype(&curl_easy_setopt) easy_setopt;
-  decltype(&curl_easy_perform) easy_perform;
   decltype(&curl_easy_getinfo) easy_getinfo;
   decltype(&curl_easy_cleanup) easy_cleanup;
   decltype(&curl_slist_append) slist_append;
@@ -19,6 +18,14 @@ struct Libcurl {
   decltype(&curl_url) url;
   decltype(&curl_url_set) url_set;
   decltype(&curl_url_cleanup) url_cleanup;
+  decltype(&curl_multi_init) multi_init;
+  decltype(&curl_multi_setopt) multi_setopt;
+  decltype(&curl_multi_add_handle) multi_add_handle;
+  decltype(&curl_multi_remove_handle) multi_remove_handle;
+  decltype(&curl_multi_perform) multi_perform;
+  decltype(&curl_multi_wait) multi_wait;
+  decltype(&curl_multi_info_read) multi_info_read;
+  decltype(&curl_multi_cleanup) multi_cleanup;
 
   // The process-wide library, initialised; nullptr when it is missing (or too
   // old). Throws std::bad_alloc when loading failed for want of memory. A load that

@@ -15,7 +15,10 @@ class IdleWatch {
   virtual ~IdleWatch() = default;
   // The descriptor to watch, or -1 when there is none.
   virtual int descriptor() const = 0;
+  // Something arrived on it, or nothing came in for kIdleSeconds.
   virtual void expire() = 0;
+  // Input came, and nothing arrived on it while the loop waited.
+  virtual void stayedQuiet() = 0;
 };
 
 inline constexpr int kIdleSeconds = 2;
