@@ -130,12 +130,6 @@ const EditorFault kEditorFaults[] = {
        return true;
      },
      EditorFault::answered},
-    {"closes the idle connection (it restarted)",
-     [](int fd, int number) {
-       writeText(fd, ok(number));
-       return number != 1;
-     },
-     EditorFault::answered},
 };
 
 // Each fault for a GET and for an edit (a POST), all at once: the longest case
