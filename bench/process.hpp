@@ -38,6 +38,7 @@ struct Child {
 
 // posix_spawn is fork and exec without copying this driver's page tables: they
 // are large (payloads, answer buffer), and copying them would count as start-up.
+// The process inherits the CPU the driver is pinned to.
 inline Child spawn(std::vector<std::string> argv, const std::vector<std::string>& environment) {
   std::vector<char*> args, env;
   for (auto& a : argv) args.push_back(a.data());
