@@ -51,14 +51,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static tondrel::TondrelMCPServer server(answer, "http://127.0.0.1:17910", "0.9.0");
   static simdjson::dom::parser parser;
 
-  static std::string padded, answer;
+  static std::string padded;
+  static tondrel::Buffer answer;
   padded.assign(reinterpret_cast<const char*>(data), size);
   padded.reserve(size + simdjson::SIMDJSON_PADDING);
   seed = std::hash<std::string>{}(padded);
   answer.clear();
   if (server.handle(padded, answer)) server.runCall(answer);
   if (answer.empty()) return 0;
-  const std::string* out = &answer;
+  const std::string text(answer.view());
+  const std::string* out = &text;
 
   check(out->find('\n') == std::string::npos, "no line feed inside an answer", *out);
   simdjson::dom::element root;

@@ -56,6 +56,13 @@ bool same(element a, element b) {
   return false;
 }
 
+// What the writer writes of a parsed value.
+std::string writtenAsJson(element value) {
+  tondrel::Buffer out;
+  tondrel::JsonWriter(out).value(value);
+  return std::string(out.view());
+}
+
 void check(bool ok, const char* what, const std::string& written) {
   if (ok) return;
   std::fprintf(stderr, "invariant broken: %s\nwritten: %s\n", what, written.c_str());
@@ -78,8 +85,7 @@ void checkSplit(std::string_view line) {
             params["arguments"].get(arguments) == simdjson::SUCCESS &&
             arguments[split->key].get(value) == simdjson::SUCCESS,
         "the forwarded member is where the parser finds it", split->line);
-  std::string written;
-  tondrel::JsonWriter(written).value(value);
+  std::string written = writtenAsJson(value);
   check(written == split->json(), "the forwarded text is what the writer writes",
         std::string(split->json()) + "\n" + written);
   check(reduced["params"]["arguments"][split->key].get(standIn) == simdjson::SUCCESS &&
@@ -95,12 +101,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   element original;
   if (input.parse(bytes.data(), bytes.size()).get(original) == simdjson::SUCCESS) {
-    std::string once, twice;
-    tondrel::JsonWriter(once).value(original);
+    std::string once = writtenAsJson(original);
     element reread;
     check(first.parse(once).get(reread) == simdjson::SUCCESS, "the output parses", once);
     check(same(original, reread), "the output reads as the same value", once);
-    tondrel::JsonWriter(twice).value(reread);
+    std::string twice = writtenAsJson(reread);
     check(once == twice, "writing again gives the same bytes", once + "\n" + twice);
   }
 
@@ -108,21 +113,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // nor write other bytes.
   // (The server repairs a line to valid UTF-8 before either reads it.)
   bool utf8 = simdjson::validate_utf8(bytes.data(), bytes.size());
-  std::string compact;
+  tondrel::Buffer compacted;
   std::optional<std::string_view> as;
-  const char* end = utf8 ? tondrel::compactPrefix(bytes, compact, as) : nullptr;
+  const char* end = utf8 ? tondrel::compactPrefix(bytes, compacted, as) : nullptr;
   if (end && std::string_view(end, bytes.data() + bytes.size() - end).find_first_not_of(" \t\r\n") ==
                  std::string_view::npos) {
-    if (as) compact = *as;
-    std::string written;
+    std::string compact(as ? *as : compacted.view()), written;
     if (input.parse(bytes.data(), bytes.size()).get(original) == simdjson::SUCCESS)
-      tondrel::JsonWriter(written).value(original);
+      written = writtenAsJson(original);
     check(compact == written, "the compact rewrite writes what the writer writes", compact + "\n" + written);
   }
   if (utf8) checkSplit(bytes);
 
-  std::string lossy;
-  tondrel::JsonWriter(lossy).lossyString(bytes);
+  tondrel::Buffer repaired;
+  tondrel::JsonWriter(repaired).lossyString(bytes);
+  std::string lossy(repaired.view());
   std::string_view text;
   check(second.parse(lossy).get(text) == simdjson::SUCCESS, "lossyString gives one JSON string", lossy);
   check(!utf8 || text == bytes, "valid UTF-8 comes through unchanged", lossy);

@@ -82,7 +82,7 @@ std::string_view summary(std::string_view description) {
 }
 
 std::string bundleManifest() {
-  std::string out;
+  tondrel::Buffer out;
   tondrel::JsonWriter json(out);
   json.beginObject()
       .member("manifest_version", "0.3")
@@ -155,7 +155,7 @@ std::string bundleManifest() {
 
   json.key("keywords").beginArray().string("audio").string("editor").string("tondrel").endArray();
   json.endObject();
-  return out;
+  return std::string(out.view());
 }
 
 struct Bundle {
@@ -164,7 +164,7 @@ struct Bundle {
 };
 
 std::string registryEntry(const std::vector<Bundle>& bundles) {
-  std::string out;
+  tondrel::Buffer out;
   tondrel::JsonWriter json(out);
   json.beginObject()
       .member("$schema", "https://static.modelcontextprotocol.io/schemas/2025-12-11/server.schema.json")
@@ -204,7 +204,7 @@ std::string registryEntry(const std::vector<Bundle>& bundles) {
         .endObject();
   }
   json.endArray().endObject();
-  return out;
+  return std::string(out.view());
 }
 
 bool isSha256(std::string_view text) {

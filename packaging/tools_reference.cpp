@@ -19,7 +19,8 @@ using tondrel::JsonType;
 using tondrel::Read;
 
 std::string_view typeName(JsonType type) {
-  static constexpr std::string_view kNames[] = {"", "string", "integer", "number", "boolean", "array", "object"};
+  static constexpr std::string_view kNames[] = {"",        "string", "integer", "number",
+                                                "boolean", "array",  "object"};
   return kNames[static_cast<int>(type)];
 }
 
@@ -77,8 +78,8 @@ void tools(std::ostream& out) {
     }
     if (places.empty()) places = tool.method == "GET" ? "none" : "none; no body";
     if (object && !required) places += "<br>(the body `{}` when none is given)";
-    out << "| `" << tool.name << "` | " << firstLine(tool.description) << " | " << (schema.empty() ? "none" : schema)
-        << " | `" << tool.method << " " << tool.path << "` | " << places
+    out << "| `" << tool.name << "` | " << firstLine(tool.description) << " | "
+        << (schema.empty() ? "none" : schema) << " | `" << tool.method << " " << tool.path << "` | " << places
         << (tool.caption.empty() ? "" : "<br>the answer comes back as an image") << " |\n";
   }
 }
@@ -89,9 +90,10 @@ void operations(std::ostream& out) {
     std::string fields;
     for (const tondrel::EditField& field : operation.fields) {
       std::string code = tondrel::typeCode(field);
-      for (std::size_t at = 0; (at = code.find('|', at)) != std::string::npos; at += 2) code.replace(at, 1, "\\|");
-      fields += (fields.empty() ? "`" : ", `") + std::string(field.name) + (field.optional ? "?" : "") + ": " + code +
-                "`";
+      for (std::size_t at = 0; (at = code.find('|', at)) != std::string::npos; at += 2)
+        code.replace(at, 1, "\\|");
+      fields += (fields.empty() ? "`" : ", `") + std::string(field.name) + (field.optional ? "?" : "") +
+                ": " + code + "`";
     }
     out << "| `" << operation.op << "` | " << fields << " |\n";
   }
@@ -119,7 +121,8 @@ int main(int argc, char** argv) {
     std::getline(example, answer);
     std::cout << "\n## A call, and what the simulator answered\n\n"
                  "A fresh `tondrel-editor-sim --seed 1`, through `tondrel-mcp`:\n\n```json\n"
-              << call << "\n" << answer << "\n```\n";
+              << call << "\n"
+              << answer << "\n```\n";
   }
   return 0;
 }

@@ -210,15 +210,20 @@ TEST(ToolCalls, LargePayloadsComeThroughByteExactAndGiveTheirMemoryBack) {
   std::string png = "\x89PNG\r\n\x1A\n";
   for (std::minstd_rand bytes(1); png.size() < (16u << 20);) png += static_cast<char>(bytes());
   const std::string doc = document(20 << 20);
-  std::string image = R"({"jsonrpc":"2.0","id":2,"result":{"content":[{"type":"image","data":)", text;
+  Buffer written;
   {
-    JsonWriter writer(image);
+    JsonWriter writer(written);
     std::string carry;
     writer.beginString().base64Piece(png, carry);
     writer.endBase64String(carry);
   }
-  image += R"(,"mimeType":"image/png"},{"type":"text","text":"Snapshot of the Tondrel window."}]}})";
-  JsonWriter(text).string(doc);
+  const std::string image =
+      R"({"jsonrpc":"2.0","id":2,"result":{"content":[{"type":"image","data":)" +
+      std::string(written.view()) +
+      R"(,"mimeType":"image/png"},{"type":"text","text":"Snapshot of the Tondrel window."}]}})";
+  written.clear();
+  JsonWriter(written).string(doc);
+  const std::string text(written.view());
   const std::tuple<CannedAnswer, std::string, std::string> calls[] = {
       {{200, png, "image/png"}, toolCall("tondrel_snapshot", 2), image},
       {{200, doc, "application/json"},

@@ -160,7 +160,7 @@ const ToolDefinition* findTool(std::string_view name) {
 
 const std::string& toolsJSON() {
   static const std::string json = [] {
-    std::string out;
+    Buffer out;
     JsonWriter writer(out);
     writer.beginArray();
     for (const ToolDefinition& tool : tondrelToolDefinitions()) {
@@ -174,7 +174,7 @@ const std::string& toolsJSON() {
       writer.endObject().endObject();
     }
     writer.endArray();
-    return out;
+    return std::string(out.view());
   }();
   return json;
 }

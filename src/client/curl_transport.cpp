@@ -52,8 +52,8 @@ Clock::time_point lastArrival(int fd, Clock::time_point now, [[maybe_unused]] st
 
 // A header's name, folded to lower case, equals a name written in lower case.
 bool named(std::string_view name, std::string_view lower) {
-  return name.size() == lower.size() &&
-         std::equal(name.begin(), name.end(), lower.begin(), [](char a, char b) { return std::tolower(a) == b; });
+  return name.size() == lower.size() && std::equal(name.begin(), name.end(), lower.begin(),
+                                                   [](char a, char b) { return std::tolower(a) == b; });
 }
 
 }  // namespace
@@ -91,7 +91,8 @@ class CurlClient::Impl {
     quietSince_ = {};
     if (!easy_) open();
     if (!multi_ && !(multi_ = curl_->multi_init())) throw std::bad_alloc();
-    curl_->multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);  // a request on a connection of its own retires the older one
+    curl_->multi_setopt(multi_, CURLMOPT_MAXCONNECTS,
+                        1L);  // a request on a connection of its own retires the older one
 
     method_.assign(method);
     setopt(CURLOPT_CURLU, url);
@@ -289,7 +290,7 @@ class CurlClient::Impl {
   // Of the head, the status and what the result needs: the content type and the
   // length HTTP gives the body.
   void header(std::string_view line) {
-    if (headed_) return;  // trailers after a chunked body are not the head
+    if (headed_) return;              // trailers after a chunked body are not the head
     if (line.starts_with("HTTP/")) {  // a new response begins (after a 1xx, say)
       response_.contentType.clear();
       announced_ = 0;

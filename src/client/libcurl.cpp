@@ -23,7 +23,7 @@ const Libcurl* load() {
   void* handle = nullptr;
   bool memory = false;
   for (const char* name : kNames) {
-    if ((handle = dlopen(name, RTLD_NOW | RTLD_LOCAL))) break;
+    if ((handle = dlopen(name, RTLD_LAZY | RTLD_LOCAL))) break;
     // The loader says why in words of its own: a mapping it could not make is
     // memory, anything else (above all a file that is not there) a missing library.
     std::string_view why = dlerror();

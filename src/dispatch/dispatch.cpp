@@ -57,7 +57,7 @@ class Request {
 
   APIResponse send(const Transport& transport, AnswerSink& sink) const {
     std::optional<std::string_view> body;
-    if (hasBody_) body = forwardedBody_ ? *forwardedBody_ : std::string_view(body_);
+    if (hasBody_) body = forwardedBody_ ? *forwardedBody_ : body_.view();
     return transport(tool_.method, path_, body, sink);
   }
 
@@ -129,14 +129,20 @@ class Request {
     else if (value.type() == element_type::DOUBLE)
       out += plainDecimal(double(value));
     else
-      JsonWriter(out).value(value);
+      out += writtenAsJson(value);
+  }
+
+  static std::string writtenAsJson(element value) {
+    Buffer text;
+    JsonWriter(text).value(value);
+    return std::string(text.view());
   }
 
   const ToolDefinition& tool_;
   const Members& args_;
   std::optional<ForwardedArgument> forwarded_;
   std::string path_;
-  std::string body_;
+  Buffer body_;
   JsonWriter json_{body_};
   std::optional<std::string_view> forwardedBody_;
   bool hasBody_ = false;

@@ -5,7 +5,7 @@
 #include <new>
 #include <optional>
 
-#include "huge_pages.hpp"
+#include "large_buffers.hpp"
 
 namespace tondrel {
 

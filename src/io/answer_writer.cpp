@@ -19,7 +19,7 @@ void waitFor(int fd, short events) {
 }  // namespace
 
 bool AnswerWriter::flush() {
-  std::string_view data = pending_;
+  std::string_view data = pending_.view();
   while (!data.empty()) {
     ssize_t n = ::write(fd_, data.data(), data.size());
     if (n > 0) {
@@ -35,7 +35,7 @@ bool AnswerWriter::flush() {
 }
 
 void AnswerWriter::release() {
-  if (pending_.capacity() > kKeep) std::string().swap(pending_);
+  if (pending_.capacity() > kKeep) pending_.release();
 }
 
 }  // namespace tondrel

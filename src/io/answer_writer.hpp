@@ -1,7 +1,7 @@
 // Answers out, whole lines in order, on standard output.
 #pragma once
 
-#include <string>
+#include "buffer.hpp"
 
 namespace tondrel {
 
@@ -12,7 +12,7 @@ class AnswerWriter {
   explicit AnswerWriter(int output) : fd_(output) {}
 
   // Answers waiting to be written, each ending in a line feed.
-  std::string& pending() { return pending_; }
+  Buffer& pending() { return pending_; }
   // Writes everything pending; false once the reader has gone.
   bool flush();
   // Gives back the memory a large answer needed.
@@ -20,7 +20,7 @@ class AnswerWriter {
 
  private:
   int fd_;
-  std::string pending_;
+  Buffer pending_;
 };
 
 }  // namespace tondrel

@@ -7,19 +7,19 @@ constexpr std::size_t kWriteAt = 64 * 1024;
 
 // Ends an answer appended after mark with its line feed; an answer that cannot
 // have one goes unwritten.
-void endLine(std::string& out, std::size_t mark) {
+void endLine(Buffer& out, std::size_t mark) {
   if (out.size() == mark) return;
   try {
     out.push_back('\n');
   } catch (...) {
-    out.resize(mark);
+    out.truncate(mark);
   }
 }
 
 }  // namespace
 
 void serveLines(LineReader& lines, AnswerWriter& answers, LineHandler& handler) {
-  std::string& out = answers.pending();
+  Buffer& out = answers.pending();
   while (auto line = lines.next()) {
     std::size_t mark = out.size();
     if (line->tooLarge) {

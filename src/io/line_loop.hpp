@@ -18,10 +18,10 @@ class LineHandler {
   // and says false; or says true when the answer waits for something outside the
   // process: the answers before it are written out first, then finish() appends
   // it. Never throws.
-  virtual bool answer(std::string_view line, std::string& out) = 0;
-  virtual void finish(std::string& out) = 0;
+  virtual bool answer(std::string_view line, Buffer& out) = 0;
+  virtual void finish(Buffer& out) = 0;
   // Appends the answer to a line that did not fit in memory. Never throws.
-  virtual void unreadable(std::string& out) = 0;
+  virtual void unreadable(Buffer& out) = 0;
   // Gives back the memory a large line or answer needed.
   virtual void release() = 0;
 };

@@ -4,13 +4,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "huge_pages.hpp"
+#include "large_buffers.hpp"
 
 namespace tondrel {
 namespace {
 
 constexpr std::size_t kMinRead = 16 * 1024;
-constexpr std::size_t kKeep = 1 << 20;  // what the buffer keeps between lines at most
+constexpr std::size_t kKeep = 1 << 20;        // what the buffer keeps between lines at most
+constexpr std::size_t kFaultAhead = 2 << 20;  // how far a long line's pages are faulted in ahead of it
 
 }  // namespace
 
@@ -62,6 +63,11 @@ bool LineReader::grow() {
 }
 
 void LineReader::fill() {
+  if (capacity_ > kKeep && faulted_ < end_ + kFaultAhead / 2) {
+    std::size_t from = std::max(faulted_, end_);
+    faulted_ = std::min(capacity_, from + kFaultAhead);
+    faultIn(buffer_ + from, faulted_ - from);
+  }
   std::size_t n = source_.read(buffer_ + end_, capacity_ - end_ - padding_);
   if (n == 0)
     atEnd_ = true;
@@ -90,6 +96,7 @@ void LineReader::release() {
   std::memmove(buffer_, buffer_ + begin_, unread);
   scan_ -= begin_, begin_ = 0, end_ = unread;
   if (auto* shrunk = static_cast<char*>(std::realloc(buffer_, kKeep))) buffer_ = shrunk, capacity_ = kKeep;
+  faulted_ = std::min(faulted_, end_);
 }
 
 }  // namespace tondrel

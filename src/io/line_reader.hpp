@@ -47,6 +47,7 @@ class LineReader {
   std::size_t padding_;
   char* buffer_ = nullptr;
   std::size_t capacity_ = 0, begin_ = 0, scan_ = 0, end_ = 0;
+  std::size_t faulted_ = 0;  // the buffer's pages up to here are faulted in
   bool atEnd_ = false;
 };
 

@@ -90,7 +90,7 @@ bool plainDouble(const char* integer, const char* integerEnd, const char* fracti
 template <bool kWrite>
 class Compactor {
  public:
-  explicit Compactor(std::string& out) : out_(out) {}
+  explicit Compactor(Buffer& out) : out_(out) {}
 
   bool value(Cursor& c, int depth) {
     switch (c.peek()) {
@@ -118,7 +118,7 @@ class Compactor {
   }
   // Text that is written as it stands.
   void keep(const char* from, const char* to) {
-    if constexpr (kWrite) out_.append(from, static_cast<std::size_t>(to - from));
+    if constexpr (kWrite) out_.append({from, static_cast<std::size_t>(to - from)});
   }
   bool punctuation(Cursor& c, char mark) {
     if (c.peek() != mark) return false;
@@ -214,7 +214,7 @@ class Compactor {
     ++c.p;
     written_.clear();
     JsonWriter(written_).string(decoded_);
-    return put(start, c.p, written_);
+    return put(start, c.p, written_.view());
   }
 
   bool number(Cursor& c) {
@@ -268,7 +268,7 @@ class Compactor {
       writer.number(unsignedValue);
     else
       return false;
-    return put(start, end, written_);
+    return put(start, end, written_.view());
   }
 
   // strtod rather than from_chars, which not every standard library has for
@@ -285,17 +285,18 @@ class Compactor {
     if (errno != 0 || stop != text + (end - start)) return false;
     written_.clear();
     JsonWriter(written_).number(value);
-    return put(start, end, written_);
+    return put(start, end, written_.view());
   }
 
-  std::string& out_;
-  std::string decoded_, written_;
+  Buffer& out_;
+  std::string decoded_;
+  Buffer written_;
   const decltype(kernels::Kernels::findEscape) findEscape_ = kernels::kernels().findEscape;
 };
 
 }  // namespace
 
-const char* compactPrefix(std::string_view text, std::string& out, std::optional<std::string_view>& as) {
+const char* compactPrefix(std::string_view text, Buffer& out, std::optional<std::string_view>& as) {
   Cursor c{text.data(), text.data() + text.size()};
   c.blanks();
   Cursor check = c;
@@ -307,7 +308,7 @@ const char* compactPrefix(std::string_view text, std::string& out, std::optional
   // About the size of the text: most of it is kept as it stands.
   out.reserve(out.size() + (c.end - c.p) + (c.end - c.p) / 8);
   if (Compactor<true>(out).value(c, 0)) return c.p;
-  out.resize(mark);
+  out.truncate(mark);
   return nullptr;
 }
 

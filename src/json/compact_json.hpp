@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "buffer.hpp"
+
 namespace tondrel {
 
 // The JSON value that text begins with (after blanks), written compactly, byte for
@@ -16,6 +18,6 @@ namespace tondrel {
 // for anything not handled exactly the same way (invalid JSON, nesting past 512
 // levels, integers past 64 bits, numbers too large for a double or below its normal
 // range, lone surrogates, numbers of 64 characters or more).
-const char* compactPrefix(std::string_view text, std::string& out, std::optional<std::string_view>& as);
+const char* compactPrefix(std::string_view text, Buffer& out, std::optional<std::string_view>& as);
 
 }  // namespace tondrel

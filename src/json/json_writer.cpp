@@ -13,9 +13,6 @@
 namespace tondrel {
 namespace {
 
-// Room kept after a long string for a few escapes and the rest of the message.
-constexpr std::size_t kSlack = 4096;
-
 bool isPlain(std::string_view text) {
   for (char c : text)
     if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\') return false;
@@ -85,7 +82,6 @@ void JsonWriter::base64Piece(std::string_view bytes, std::string& carry) {
     carry.clear();
   }
   std::size_t whole = bytes.size() - bytes.size() % 3;
-  grow(whole / 3 * 4);
   base64(reinterpret_cast<const unsigned char*>(bytes.data()), whole);
   carry.assign(bytes.substr(whole));
 }
@@ -98,7 +94,7 @@ JsonWriter& JsonWriter::endBase64String(std::string& carry) {
     kernels::kernels().base64(last, 3, tail);
     tail[3] = '=';
     if (carry.size() == 1) tail[2] = '=';
-    out_.append(tail, 4);
+    out_.append({tail, 4});
     carry.clear();
   }
   out_.push_back('"');
@@ -156,35 +152,23 @@ JsonWriter& JsonWriter::endLossyString(std::string& carry) {
   return *this;
 }
 
-void JsonWriter::grow(std::size_t more) {
-  if (out_.size() + more + 8 <= out_.capacity()) return;
-  out_.reserve(std::max(out_.size() + more + kSlack, out_.capacity() + out_.capacity() / 2));
-}
-
 void JsonWriter::base64(const unsigned char* src, std::size_t n) {
-  // Chunks through a small buffer spare the zero-fill of resizing first.
-  const auto encode = kernels::kernels().base64;
-  char chunk[4096];
-  for (std::size_t i = 0; i < n;) {
-    std::size_t take = std::min(n - i, sizeof chunk / 4 * 3);
-    i += encode(src + i, take, chunk);
-    out_.append(chunk, take / 3 * 4);
-  }
+  char* dst = out_.room(n / 3 * 4);
+  kernels::kernels().base64(src, n, dst);
+  out_.commit(n / 3 * 4);
 }
 
 JsonWriter& JsonWriter::number(std::int64_t value) {
   separate();
-  char buffer[24];
-  auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
-  out_.append(buffer, end);
+  char* at = out_.room(24);
+  out_.commit(std::to_chars(at, at + 24, value).ptr - at);
   return *this;
 }
 
 JsonWriter& JsonWriter::number(std::uint64_t value) {
   separate();
-  char buffer[24];
-  auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
-  out_.append(buffer, end);
+  char* at = out_.room(24);
+  out_.commit(std::to_chars(at, at + 24, value).ptr - at);
   return *this;
 }
 
@@ -194,7 +178,7 @@ JsonWriter& JsonWriter::number(double value) {
   separate();
   char buffer[32];
   auto end = shortestChars(buffer, buffer + sizeof buffer, value).ptr;
-  out_.append(buffer, end);
+  out_.append({buffer, std::size_t(end - buffer)});
   if (std::string_view(buffer, end - buffer).find_first_of(".e") == std::string_view::npos) out_ += ".0";
   return *this;
 }
@@ -250,22 +234,23 @@ JsonWriter& JsonWriter::raw(std::string_view json) {
 void JsonWriter::escaped(std::string_view text, bool quotes) {
   // Keys and short values are mostly plain: copied at once.
   if (text.size() <= 24 && isPlain(text)) {
-    std::size_t at = out_.size();
-    out_.resize(at + text.size() + 2 * quotes);
-    char* o = out_.data() + at;
+    char* o = out_.room(text.size() + 2);
     if (quotes) *o++ = '"';
     std::memcpy(o, text.data(), text.size());
     if (quotes) o[text.size()] = '"';
+    out_.commit(text.size() + 2 * quotes);
     return;
   }
   if (quotes) out_.push_back('"');
-  // Through a small buffer, as base64: no zero-fill of room that is then written.
-  // The kernel stops where the room for one more block runs out.
+  // Room for the text and an escape every eight bytes or so, which an editor's
+  // document (JSON text itself) comes near; the kernel stops where the room runs
+  // short, and the rest gets room of its own.
   const auto escape = kernels::kernels().escape;
-  char chunk[16384];
   for (const char *p = text.data(), *end = p + text.size(); p < end;) {
-    auto [stop, written] = escape(p, end, chunk, chunk + sizeof chunk);
-    out_.append(chunk, written);
+    std::size_t rest = end - p, room = rest + rest / 8 + kernels::kEscapeRoom;
+    char* dst = out_.room(room);
+    auto [stop, written] = escape(p, end, dst, dst + room);
+    out_.commit(written - dst);
     p = stop;
   }
   if (quotes) out_.push_back('"');

@@ -8,13 +8,15 @@
 #include <string>
 #include <string_view>
 
+#include "buffer.hpp"
+
 namespace tondrel {
 
 // Compact JSON: no blanks, "/" plain, members in the order written. Strings must
 // be valid UTF-8 except where a method says it repairs them.
 class JsonWriter {
  public:
-  explicit JsonWriter(std::string& out) : out_(out) {}
+  explicit JsonWriter(Buffer& out) : out_(out) {}
 
   JsonWriter& beginObject();
   JsonWriter& endObject();
@@ -64,7 +66,7 @@ class JsonWriter {
   };
   Mark mark() const { return {out_.size(), needComma_}; }
   void rollBack(Mark mark) {
-    out_.resize(mark.size);
+    out_.truncate(mark.size);
     needComma_ = mark.needComma;
   }
 
@@ -88,10 +90,9 @@ class JsonWriter {
     needComma_ = true;
   }
   void escaped(std::string_view text, bool quotes = false);
-  void grow(std::size_t more);
   void base64(const unsigned char* bytes, std::size_t size);
 
-  std::string& out_;
+  Buffer& out_;
   bool needComma_ = false;
 };
 

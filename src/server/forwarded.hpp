@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "buffer.hpp"
 #include "catalogue.hpp"
 
 namespace tondrel {
@@ -16,9 +17,9 @@ struct ForwardedLine {
   std::string_view key;                // its structured argument
   std::string line;                    // the line with that member's value replaced by {} or []
   std::optional<std::string_view> as;  // the value in the line, when it stands as the writer writes it
-  std::string written;                 // else the value as the writer writes it
+  Buffer written;                      // else the value as the writer writes it
 
-  std::string_view json() const { return as ? *as : written; }
+  std::string_view json() const { return as ? *as : written.view(); }
 };
 
 // Splits a tools/call line into the rest of the line and the forwarded member's

@@ -47,7 +47,7 @@ const TondrelMCPServer::Method TondrelMCPServer::kMethods[] = {
 TondrelMCPServer::TondrelMCPServer(Transport transport, std::string apiBase, std::string version)
     : transport_(std::move(transport)), apiBase_(std::move(apiBase)), version_(std::move(version)) {}
 
-void TondrelMCPServer::unreadable(std::string& out) {
+void TondrelMCPServer::unreadable(Buffer& out) {
   std::size_t mark = out.size();
   try {
     JsonWriter w(out);
@@ -55,11 +55,11 @@ void TondrelMCPServer::unreadable(std::string& out) {
     writeError(w, -32700, "parse error");
     w.endObject();
   } catch (...) {  // not even that fits: the line goes unanswered
-    out.resize(mark);
+    out.truncate(mark);
   }
 }
 
-bool TondrelMCPServer::handle(std::string_view line, std::string& out) {
+bool TondrelMCPServer::handle(std::string_view line, Buffer& out) {
   std::size_t mark = out.size();
   call_.reset();
   try {
@@ -67,7 +67,7 @@ bool TondrelMCPServer::handle(std::string_view line, std::string& out) {
     forwarded_.reset();
     return waits;
   } catch (...) {  // out of memory: this line fails as unreadable, with a parser made anew
-    out.resize(mark);
+    out.truncate(mark);
     call_.reset();
     forwarded_.reset();
     parser_ = simdjson::dom::parser();
@@ -77,7 +77,7 @@ bool TondrelMCPServer::handle(std::string_view line, std::string& out) {
   }
 }
 
-void TondrelMCPServer::runCall(std::string& out) {
+void TondrelMCPServer::runCall(Buffer& out) {
   if (!call_) return;
   std::size_t mark = out.size();
   try {
@@ -89,7 +89,7 @@ void TondrelMCPServer::runCall(std::string& out) {
     callTool(transport_, *call_->tool, call_->arguments, w, forwarded);
     w.endObject();
   } catch (...) {  // not even the failed call's result fitted
-    out.resize(mark);
+    out.truncate(mark);
     unreadable(out);
   }
   call_.reset();
@@ -100,7 +100,7 @@ void TondrelMCPServer::release() {
   if (repaired_.capacity() > kKeep) std::string().swap(repaired_);
 }
 
-bool TondrelMCPServer::answer(std::string_view line, std::string& out) {
+bool TondrelMCPServer::answer(std::string_view line, Buffer& out) {
   std::string_view text = decodeUtf8(line, repaired_);
   if (text.data() == repaired_.data()) {
     repaired_.reserve(repaired_.size() + kPadding);
@@ -134,7 +134,7 @@ bool TondrelMCPServer::answer(std::string_view line, std::string& out) {
     return true;
   }();
   if (!answered) {
-    out.resize(mark);
+    out.truncate(mark);
     call_->id = *id;
     return true;
   }

@@ -26,11 +26,11 @@ class TondrelMCPServer {
   // answer. So a loop need not hold earlier answers back while a call waits. line
   // must be followed by simdjson::SIMDJSON_PADDING readable bytes, and stay until
   // runCall() returns. Neither throws.
-  bool handle(std::string_view line, std::string& out);
-  void runCall(std::string& out);
+  bool handle(std::string_view line, Buffer& out);
+  void runCall(Buffer& out);
 
   // The answer to a line that did not fit in memory.
-  void unreadable(std::string& out);
+  void unreadable(Buffer& out);
 
   // Gives back the memory a large line needed, once its answer is out.
   void release();
@@ -54,7 +54,7 @@ class TondrelMCPServer {
     std::optional<ForwardedLine> forwarded;
   };
 
-  bool answer(std::string_view line, std::string& out);
+  bool answer(std::string_view line, Buffer& out);
   bool initialize(const Members& params, JsonWriter& out);
   bool ping(const Members& params, JsonWriter& out);
   bool listTools(const Members& params, JsonWriter& out);

@@ -16,7 +16,8 @@ TEST(CallTool, ByNameTakesTheToolsRowOrSaysItIsUnknown) {
       {"", "", R"({"content":[{"type":"text","text":"unknown tool "}],"isError":true})"},
   };
   for (const auto& [name, request, result] : cases) {
-    std::string sent, out;
+    std::string sent;
+    Buffer out;
     Transport editor = [&sent](std::string_view method, std::string_view path,
                                std::optional<std::string_view>, AnswerSink& sink) {
       sent = std::string(method) + " " + std::string(path);
@@ -27,7 +28,7 @@ TEST(CallTool, ByNameTakesTheToolsRowOrSaysItIsUnknown) {
     JsonWriter writer(out);
     callTool(editor, name, Members(), writer);
     EXPECT_EQ(sent, request) << name;
-    EXPECT_EQ(out, result) << name;
+    EXPECT_EQ(out.view(), result) << name;
   }
 }
 

@@ -9,14 +9,14 @@ namespace {
 
 std::string streamed(int status, std::string contentType, std::string_view body, std::string_view caption,
                      std::size_t pieceSize) {
-  std::string out;
+  Buffer out;
   JsonWriter writer(out);
   ResultSink sink(writer, caption);
   APIResponse head{status, "", std::move(contentType), {}};
   sink.head(head, body.size());
   for (std::size_t at = 0; at < body.size(); at += pieceSize) sink.body(body.substr(at, pieceSize));
   sink.finish();
-  return out;
+  return std::string(out.view());
 }
 
 void expectWritten(int status, const std::string& type, std::string_view body, std::string_view caption,

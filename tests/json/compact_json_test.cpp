@@ -18,24 +18,25 @@ std::optional<std::string> throughTheParser(std::string_view text) {
   static simdjson::dom::parser parser;
   simdjson::dom::element value;
   if (parser.parse(std::string(text)).get(value) != simdjson::SUCCESS) return std::nullopt;
-  std::string out;
+  Buffer out;
   JsonWriter(out).value(value);
-  return out;
+  return std::string(out.view());
 }
 
 // The compact form of text that holds one value and blanks; nothing when refused.
 std::optional<std::string> compact(std::string_view text) {
-  std::string out = "kept";
+  Buffer out;
+  out += "kept";
   std::optional<std::string_view> as;
   const char* end = compactPrefix(text, out, as);
   if (!end || std::string_view(end, text.data() + text.size() - end).find_first_not_of(" \t\r\n") !=
                   std::string_view::npos) {
     if (!end) {
-      EXPECT_EQ(out, "kept") << text;
+      EXPECT_EQ(out.view(), "kept") << text;
     }
     return std::nullopt;
   }
-  return as ? std::string(*as) : out.substr(4);
+  return std::string(as ? *as : out.view().substr(4));
 }
 
 TEST(WriteCompact, WritesWhatTheWriterWritesFromTheParsedValue) {

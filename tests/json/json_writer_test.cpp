@@ -15,10 +15,10 @@ namespace dom = simdjson::dom;
 namespace {
 
 std::string write(const std::function<void(JsonWriter&)>& build) {
-  std::string out;
+  Buffer out;
   JsonWriter writer(out);
   build(writer);
-  return out;
+  return std::string(out.view());
 }
 
 }  // namespace

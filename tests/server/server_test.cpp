@@ -16,11 +16,12 @@ using nlohmann::json;
 
 // The answer the server gives a line, as the line loop asks for it.
 std::optional<std::string> answer(TondrelMCPServer& server, std::string_view line) {
-  std::string padded(line), out;
+  std::string padded(line);
   padded.reserve(line.size() + simdjson::SIMDJSON_PADDING);
+  Buffer out;
   if (server.handle(padded, out)) server.runCall(out);
   if (out.empty()) return std::nullopt;
-  return out;
+  return std::string(out.view());
 }
 
 // A server whose editor is never reached: these tests are about the frame.

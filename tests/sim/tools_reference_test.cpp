@@ -8,9 +8,9 @@
 #include <fstream>
 #include <iterator>
 
+#include "document.hpp"
 #include "process.hpp"
 #include "running_sim.hpp"
-#include "document.hpp"
 #include "sim_support.hpp"
 
 namespace tondrel::sim::test {
@@ -43,7 +43,8 @@ TEST(ToolsReference, IsWhatTheCatalogueWritesWithACallTheSimulatorAnswered) {
   if (const char* write = std::getenv("TONDREL_WRITE_DOCS"); write && *write) std::ofstream(path) << page;
   std::ifstream written(path);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(written), {}), page)
-      << "docs/tools.md is not what the catalogue gives: TONDREL_WRITE_DOCS=1 ctest -R ToolsReference writes it";
+      << "docs/tools.md is not what the catalogue gives: TONDREL_WRITE_DOCS=1 ctest -R ToolsReference writes "
+         "it";
 }
 
 }  // namespace
