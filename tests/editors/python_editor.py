@@ -7,17 +7,13 @@
 #
 # It prints its port, answers from answers.txt and snapshot.png beside it, and when its standard
 # input closes prints one line of JSON and exits: "requests" by method and path (an edit is counted
-# once its whole body has arrived), "bodyBytes" by method and path, and "mostConnections", the most
-# connections a client held open to it at once.
+# once its whole body has arrived) and "bodyBytes" by method and path.
 
 import http.server
 import json
 import os
-import select
-import socket
 import sys
 import threading
-import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 MODE = sys.argv[1]
@@ -37,41 +33,10 @@ def load_answers():
 ANSWERS = load_answers()
 lock = threading.Lock()
 requests, body_bytes = {}, {}
-accepted = []  # sockets being served
-most = 0
-
-
-def closed_by_client(connection):
-    try:
-        return connection.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) == b""
-    except BlockingIOError:
-        return False
-    except OSError:
-        return True
-
-
-# A connection waiting to be accepted, then those accepted that the client has not closed: looked
-# at in this order, one closed before the next was opened never counts beside it. Under the lock,
-# so that none moves from the first group into the second while they are counted.
-def count_connections(listener):
-    global most
-    with lock:
-        waiting = int(bool(select.select([listener], [], [], 0)[0]))
-        most = max(most, waiting + sum(not closed_by_client(c) for c in accepted))
 
 
 class Editor(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.0" if MODE == "close" else "HTTP/1.1"
-
-    def setup(self):
-        super().setup()
-        with lock:
-            accepted.append(self.connection)
-
-    def finish(self):
-        with lock:
-            accepted.remove(self.connection)
-        super().finish()
 
     def answer(self):
         key = self.command + " " + self.path
@@ -80,7 +45,6 @@ class Editor(http.server.BaseHTTPRequestHandler):
         if len(body) < length:  # the request was cut off: nothing is applied
             self.close_connection = True
             return
-        count_connections(self.server.socket)
         with lock:
             requests[key] = requests.get(key, 0) + 1
             body_bytes[key] = body_bytes.get(key, 0) + len(body)
@@ -108,23 +72,16 @@ class Server(http.server.ThreadingHTTPServer if MODE == "threads" else http.serv
         pass  # a client that left mid-answer is no news
 
 
-def watch(server):
-    while True:  # one connection waits in the listener while another is served: only a watch sees it
-        count_connections(server.socket)
-        time.sleep(0.005)
-
-
 def report_when_input_ends():
     sys.stdin.read()
     try:
         with lock:
-            print(json.dumps({"requests": requests, "bodyBytes": body_bytes, "mostConnections": most}), flush=True)
+            print(json.dumps({"requests": requests, "bodyBytes": body_bytes}), flush=True)
     finally:  # even when nobody reads it any more
         os._exit(0)
 
 
 server = Server(("127.0.0.1", 0), Editor)
 print(server.server_address[1], flush=True)
-threading.Thread(target=watch, args=(server,), daemon=True).start()
 threading.Thread(target=report_when_input_ends, daemon=True).start()
 server.serve_forever()
