@@ -79,7 +79,7 @@ const EditorFault kEditorFaults[] = {
      EditorFault::unreachable,
      {"tondrel_state", "tondrel_snapshot", "tondrel_undo"}},
     {"breaks off mid-body", secondGets("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nonly ten b"),
-     EditorFault::unreachable},
+     EditorFault::unreachable, {"tondrel_state", "tondrel_snapshot", "tondrel_undo"}},
     {"breaks off a chunked body",
      secondGets("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n10\r\nonly"),
      EditorFault::unreachable},

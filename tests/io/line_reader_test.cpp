@@ -65,18 +65,5 @@ TEST(LineReader, SplitsLinesWhereverThePiecesEnd) {
     }
 }
 
-// A line is ready without waiting only when its line feed (or the end) has come.
-TEST(LineReader, HasALineOnlyWhenOneIsComplete) {
-  PiecesOf source("a\nb\nc", 1 << 20);
-  LineReader reader(source, kPadding);
-  EXPECT_FALSE(reader.hasLine());
-  EXPECT_EQ(reader.next()->text, "a");
-  EXPECT_TRUE(reader.hasLine());
-  EXPECT_EQ(reader.next()->text, "b");
-  EXPECT_FALSE(reader.hasLine()) << "\"c\" may still grow";
-  EXPECT_EQ(reader.next()->text, "c");
-  EXPECT_FALSE(reader.next());
-}
-
 }  // namespace
 }  // namespace tondrel

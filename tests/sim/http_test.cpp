@@ -210,48 +210,5 @@ TEST(Http, BadRequestsGetA4xxWithAJsonErrorAndTheServerGoesOn) {
   EXPECT_EQ(json::parse(state->body)["changeCount"], 0);  // nothing above changed anything
 }
 
-// tondrel-mcp on real pipes against the simulator: a short session as an agent runs it.
-TEST(Http, TondrelMcpDrivesTheSimulatorThroughASession) {
-  Scratch scratch;
-  std::map<char, std::string> ids = {{'$', scratch.file("tone.wav")}, {'%', scratch.file("out.flac")}};
-  writeTestTone(ids['$']);
-  RunningSim sim;
-  tondrel::test::ServerProcess server({tondrel::test::editorAt(sim.port())});
-  // Tool, arguments ('@' the imported clip), whether it must fail, and a piece of its text.
-  const std::tuple<const char*, const char*, bool, const char*> calls[] = {
-      {"tondrel_import", R"({"path":"$"})", false, R"("clip":")"},
-      {"tondrel_edit",
-       R"({"label":"Tidy","ops":[{"op":"clip.split","clip":"@","at":2},{"op":"marker.add","name":"Gap","time":1.5}]})",
-       false, R"("label":"Tidy")"},
-      {"tondrel_edit", R"({"ops":[{"op":"clip.gain","clip":"@"}]})", true,
-       R"(ops[0] (clip.gain): missing field \"db\")"},
-      {"tondrel_import", R"({"path":"$","track":7})", true,
-       "cannot import tone.wav: no track 7: the project has 1 tracks"},
-      {"tondrel_export", R"({"path":"%","normalization":"peak"})", false, R"("format":"flac")"},
-      {"tondrel_undo", "{}", false, R"("undone":"Tidy")"},
-      {"tondrel_document", "{}", false, R"("markers":[])"},
-  };
-  int id = 0;
-  auto call = [&](const char* tool, const json& arguments) {
-    json request = {{"jsonrpc", "2.0"}, {"id", ++id}, {"method", "tools/call"}};
-    request["params"] = {{"name", tool}, {"arguments", arguments}};
-    server.send(request.dump() + "\n");
-    return json::parse(server.readLine())["result"];
-  };
-  for (const auto& [tool, arguments, isError, expected] : calls) {
-    json result = call(tool, withIds(arguments, ids));
-    std::string text = result["content"][0]["text"];
-    EXPECT_EQ(result["isError"], isError) << tool << " " << arguments << "\n  got: " << text;
-    EXPECT_NE(text.find(expected), std::string::npos) << tool << " " << arguments << "\n  got: " << text;
-    if (ids.count('@') == 0) ids['@'] = json::parse(text)["clip"];
-  }
-  json picture = call("tondrel_snapshot", json::object())["content"][0];
-  EXPECT_EQ(picture["mimeType"], "image/png");
-  EXPECT_TRUE(picture["data"].get<std::string>().starts_with("iVBORw0KGgo"));  // the PNG signature
-  EXPECT_TRUE(std::filesystem::exists(ids['%']));
-  server.closeInput();
-  EXPECT_EQ(server.wait(5), 0);
-}
-
 }  // namespace
 }  // namespace tondrel::sim::test
