@@ -109,20 +109,15 @@ void JsonWriter::lossyPiece(std::string_view bytes, std::string& carry) {
     joined.append(bytes.substr(0, std::min<std::size_t>(bytes.size(), 3)));
     std::size_t i = 0;
     while (i < carry.size()) {
-      std::size_t bad = 0, length = sequenceLength(joined, i, bad);
-      if (length == 0 && i + bad >= joined.size() && joined.size() == carry.size() + bytes.size()) {
+      std::size_t bad = 0;
+      if (!sequenceLength(joined, i, bad) && i + bad >= joined.size() &&
+          joined.size() == carry.size() + bytes.size()) {  // still incomplete: wait for more
         escaped(repaired);
         carry.erase(0, i);
         carry.append(bytes);
         return;
       }
-      if (length == 0) {
-        repaired += kReplacement;
-        i += bad;
-      } else {
-        repaired.append(joined, i, length);
-        i += length;
-      }
+      i += appendRepaired(joined, i, repaired);
     }
     escaped(repaired);
     bytes.remove_prefix(i - carry.size());

@@ -50,21 +50,21 @@ std::size_t sequenceLength(std::string_view s, std::size_t i, std::size_t& bad) 
   return length;
 }
 
+std::size_t appendRepaired(std::string_view s, std::size_t i, std::string& out) {
+  std::size_t bad = 0, length = sequenceLength(s, i, bad);
+  if (length == 0) {
+    out += kReplacement;
+    return bad;
+  }
+  out.append(s, i, length);
+  return length;
+}
+
 std::string_view decodeUtf8(std::string_view bytes, std::string& scratch) {
   if (simdjson::validate_utf8(bytes.data(), bytes.size())) return bytes;
   scratch.clear();
   scratch.reserve(bytes.size() + bytes.size() / 2);
-  for (std::size_t i = 0; i < bytes.size();) {
-    std::size_t bad = 0;
-    std::size_t length = sequenceLength(bytes, i, bad);
-    if (length == 0) {
-      scratch += kReplacement;
-      i += bad;
-    } else {
-      scratch.append(bytes, i, length);
-      i += length;
-    }
-  }
+  for (std::size_t i = 0; i < bytes.size();) i += appendRepaired(bytes, i, scratch);
   return scratch;
 }
 

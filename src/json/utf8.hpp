@@ -14,6 +14,10 @@ inline constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 // bytes form the maximal invalid subpart that one U+FFFD replaces.
 std::size_t sequenceLength(std::string_view s, std::size_t i, std::size_t& bad);
 
+// Appends the valid sequence at s[i] to out, or U+FFFD for the invalid subpart
+// there; returns how many bytes it took.
+std::size_t appendRepaired(std::string_view s, std::size_t i, std::string& out);
+
 // The bytes as UTF-8: returned unchanged when valid, otherwise repaired into
 // scratch with U+FFFD for each invalid sequence.
 std::string_view decodeUtf8(std::string_view bytes, std::string& scratch);
