@@ -13,11 +13,11 @@
 #include <chrono>
 #include <new>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "libcurl.hpp"
+#include "parsed_urls.hpp"
 
 namespace tondrel {
 namespace {
@@ -27,8 +27,6 @@ using Clock = std::chrono::steady_clock;
 // libcurl keeps a request head in one buffer of at most 1 MiB; a longer address
 // would fail as if the editor had not answered.
 constexpr std::size_t kMaxAddress = (1 << 20) - 4096;
-// Parsed addresses are kept for short paths only, so the cache stays small in bytes.
-constexpr std::size_t kCachedPaths = 64, kCachedPathLength = 256;
 
 // When the kernel last received bytes on the connection, heads and interim answers
 // included, which libcurl's own counts leave out; the epoch where the system does
@@ -66,7 +64,7 @@ class CurlClient::Impl {
 
   ~Impl() {
     if (!curl_) return;
-    forgetURLs();
+    urls_.reset();
     closeConnections();
     if (easy_) curl_->easy_cleanup(easy_);
     curl_->slist_free_all(bodyHeaders_);
@@ -80,7 +78,7 @@ class CurlClient::Impl {
     if (path.find('\0') != std::string_view::npos || base_.size() + path.size() > kMaxAddress)
       throw ProxyError::badArguments("bad path " + std::string(path));
     load();
-    CURLU* url = parsedURL(path);
+    CURLU* url = urls_->find(path);
     if (!url) throw ProxyError::badArguments("bad path " + std::string(path));
     // libcurl sends a request again when a reused connection dies before the
     // answer: harmless for a GET, a second edit for anything else. And a connection
@@ -165,6 +163,7 @@ class CurlClient::Impl {
       throw std::bad_alloc();
     }
     curl_ = curl, plainHeaders_ = plain, emptyHeaders_ = empty, bodyHeaders_ = json;
+    urls_.emplace(*curl, base_);
   }
 
   // A transfer on our own multi handle: sent at once, then a wait on the socket
@@ -215,38 +214,6 @@ class CurlClient::Impl {
     while (::poll(&p, 1, 0) < 0 && errno == EINTR) {
     }
     return p.revents != 0;
-  }
-
-  // Parsing once per path also tells us early whether base + path is a URL at all.
-  CURLU* parsedURL(std::string_view path) {
-    if (auto found = urls_.find(path); found != urls_.end()) return found->second;
-    CURLU* url = curl_->url();
-    if (!url) throw std::bad_alloc();
-    std::string text = base_ + std::string(path);
-    if (CURLUcode code = curl_->url_set(url, CURLUPART_URL, text.c_str(), 0); code != CURLUE_OK) {
-      curl_->url_cleanup(url);
-      if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
-      return nullptr;
-    }
-    if (path.size() > kCachedPathLength) {
-      curl_->url_cleanup(uncached_);  // the one long address, kept until the next call
-      return uncached_ = url;
-    }
-    if (urls_.size() >= kCachedPaths) forgetURLs();
-    try {
-      urls_.emplace(path, url);
-    } catch (...) {
-      curl_->url_cleanup(url);
-      throw;
-    }
-    return url;
-  }
-
-  void forgetURLs() {
-    for (auto& [path, url] : urls_) curl_->url_cleanup(url);
-    urls_.clear();
-    curl_->url_cleanup(uncached_);
-    uncached_ = nullptr;
   }
 
   // libcurl's callbacks are C: nothing may be thrown through them. A failure is
@@ -346,10 +313,6 @@ class CurlClient::Impl {
     return ::close(fd);
   }
 
-  struct PathHash : std::hash<std::string_view> {
-    using is_transparent = void;
-  };
-
   const std::string base_;
   const double timeout_;
   const Libcurl* curl_ = nullptr;
@@ -358,8 +321,7 @@ class CurlClient::Impl {
   curl_slist* plainHeaders_ = nullptr;
   curl_slist* bodyHeaders_ = nullptr;
   curl_slist* emptyHeaders_ = nullptr;
-  std::unordered_map<std::string, CURLU*, PathHash, std::equal_to<>> urls_;
-  CURLU* uncached_ = nullptr;
+  std::optional<ParsedURLs> urls_;
   std::vector<curl_socket_t> sockets_;  // open connections: the one idle between calls, at most
   std::string method_;
   // The head as the sink gets it. The headers are not kept: the result needs the
