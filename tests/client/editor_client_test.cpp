@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "curl_transport.hpp"
 #include "stand_in_editor.hpp"
 
@@ -11,6 +13,13 @@ namespace tondrel {
 namespace {
 
 using test::StandInEditor;
+
+// Collects what one exchange gave back.
+struct Collected : AnswerSink {
+  std::string text;
+  void head(const APIResponse&, std::uint64_t) override {}
+  void body(std::string_view piece) override { text += piece; }
+};
 
 TEST(ApiBaseURL, PortComesFromTheEnvironmentWhenItIsASignedDecimal) {
   const std::pair<const char*, const char*> cases[] = {
@@ -45,10 +54,7 @@ TEST(CurlTransport, AnAddressNoRequestCanCarryIsABadPathAndSendsNothing) {
       {editor.base(), std::string("/v1/waveform?path=a\0b", 21)},
       {editor.base(), "/v1/waveform?path=" + std::string(1 << 20, 'a')},
   };
-  struct : AnswerSink {
-    void head(const APIResponse&, std::uint64_t) override {}
-    void body(std::string_view) override {}
-  } sink;
+  Collected sink;
   for (const auto& [base, path] : cases) {
     try {
       CurlClient(base, 5).send("GET", path, std::nullopt, sink);
@@ -59,6 +65,26 @@ TEST(CurlTransport, AnAddressNoRequestCanCarryIsABadPathAndSendsNothing) {
     }
   }
   EXPECT_TRUE(editor.requests().empty());
+}
+
+// Bytes the editor sent unasked on the idle connection, with no line loop looking at it
+// in between, belong to no request: the next one goes out on a fresh connection.
+TEST(CurlTransport, AConnectionWithUnreadBytesIsNeverReused) {
+  test::ScriptedServer editor([](int fd, int number, const std::string&) {
+    auto ok = [fd](int n) {
+      test::writeText(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nn" + std::to_string(n));
+    };
+    ok(number);
+    if (number == 1) std::this_thread::sleep_for(std::chrono::milliseconds(50)), ok(7);
+    return true;
+  });
+  CurlClient client(editor.base(), 5);
+  for (const char* expected : {"n1", "n2"}) {
+    Collected answer;
+    client.send("GET", "/v1/state", std::nullopt, answer);
+    EXPECT_EQ(answer.text, expected);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
 }
 
 }  // namespace
