@@ -197,7 +197,11 @@ void runSession(const Row& row, ServerProcess& editor, int port) {
         EXPECT_EQ(*answer, image ? base64(*body) : *body);
       }
     }
-    EXPECT_EQ(watch.most(), 1) << "connections open at once from one tondrel-mcp";
+    EXPECT_LE(watch.most(), 1) << "connections open at once from one tondrel-mcp";
+    // A connection closed after each answer may come and go between two looks; a kept one may not.
+    if (!std::string_view(row.script).ends_with(" close")) {
+      EXPECT_EQ(watch.most(), 1) << "the watch saw none";
+    }
   }
   bridge.closeInput();
   EXPECT_EQ(bridge.wait(10), 0);
