@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "curl_transport.hpp"
@@ -70,12 +71,13 @@ TEST(CurlTransport, AnAddressNoRequestCanCarryIsABadPathAndSendsNothing) {
 // Bytes the editor sent unasked on the idle connection, with no line loop looking at it
 // in between, belong to no request: the next one goes out on a fresh connection.
 TEST(CurlTransport, AConnectionWithUnreadBytesIsNeverReused) {
-  test::ScriptedServer editor([](int fd, int number, const std::string&) {
+  std::atomic<bool> unasked = false;
+  test::ScriptedServer editor([&](int fd, int number, const std::string&) {
     auto ok = [fd](int n) {
       test::writeText(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nn" + std::to_string(n));
     };
     ok(number);
-    if (number == 1) std::this_thread::sleep_for(std::chrono::milliseconds(50)), ok(7);
+    if (number == 1) std::this_thread::sleep_for(std::chrono::milliseconds(50)), ok(7), unasked = true;
     return true;
   });
   CurlClient client(editor.base(), 5);
@@ -83,7 +85,7 @@ TEST(CurlTransport, AConnectionWithUnreadBytesIsNeverReused) {
     Collected answer;
     client.send("GET", "/v1/state", std::nullopt, answer);
     EXPECT_EQ(answer.text, expected);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    for (int i = 0; i < 500 && !unasked; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }
 
