@@ -21,11 +21,6 @@ using Clock = std::chrono::steady_clock;
 double micros(Clock::time_point start) {
   return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
-double percentile(std::vector<double> v, double p) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, std::size_t(p * v.size()))];
-}
 double median(std::vector<double> v) {
   return percentile(std::move(v), 0.5);
 }

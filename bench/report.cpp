@@ -17,10 +17,10 @@ namespace {
 struct Stats {
   double median = 0, min = 0, max = 0;
 };
-Stats stats(std::vector<double> v) {
+Stats stats(const std::vector<double>& v) {
   if (v.empty()) return {};
-  std::sort(v.begin(), v.end());
-  return {v[v.size() / 2], v.front(), v.back()};
+  auto [min, max] = std::minmax_element(v.begin(), v.end());
+  return {percentile(v, 0.5), *min, *max};
 }
 
 std::string digits(double value, const std::string& unit) {
@@ -52,6 +52,12 @@ std::string cell(const std::vector<double>& values, const std::string& unit, dou
 }
 
 }  // namespace
+
+double percentile(std::vector<double> v, double p) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  return v[std::min(v.size() - 1, std::size_t(p * v.size()))];
+}
 
 std::string now() {
   std::time_t t = std::time(nullptr);

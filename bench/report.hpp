@@ -34,6 +34,9 @@ struct Run {
   int passed = 0, failed = 0;
 };
 
+// The value below which a share p of them lie (0.5: the median); 0 for none.
+double percentile(std::vector<double> values, double p);
+
 // The local date and time, the machine in one line, its load average over 1, 5 and 15 minutes.
 std::string now();
 std::string describeMachine();

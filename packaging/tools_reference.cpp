@@ -30,8 +30,7 @@ std::string_view firstLine(std::string_view text) {
 
 // "path*: string", "range: array of number", "format: "wav" | ..."
 std::string schemaOf(const Argument& argument) {
-  bool required = argument.read == Read::required || argument.read == Read::structured;
-  std::string text = "`" + std::string(argument.name) + "`" + (required ? "*" : "") + ": ";
+  std::string text = "`" + std::string(argument.name) + "`" + (argument.isRequired() ? "*" : "") + ": ";
   if (argument.type == JsonType::array) return text + "array of " + std::string(typeName(argument.items));
   if (argument.enumValues.empty()) return text + std::string(typeName(argument.type));
   for (std::size_t i = 0; i < argument.enumValues.size(); ++i)
@@ -67,14 +66,12 @@ void tools(std::ostream& out) {
          "|---|---|---|---|---|\n";
   for (const tondrel::ToolDefinition& tool : tondrel::tondrelToolDefinitions()) {
     std::string schema, places;
+    bool object = false, required = false;
     for (const Argument& argument : tool.arguments) {
       schema += (schema.empty() ? "" : "<br>") + schemaOf(argument);
       places += (places.empty() ? "" : "<br>") + placeOf(argument);
-    }
-    bool object = false, required = false;
-    for (const Argument& argument : tool.arguments) {
       object = object || argument.into == Into::member;
-      required = required || argument.read == Read::required || argument.read == Read::structured;
+      required = required || argument.isRequired();
     }
     if (places.empty()) places = tool.method == "GET" ? "none" : "none; no body";
     if (object && !required) places += "<br>(the body `{}` when none is given)";

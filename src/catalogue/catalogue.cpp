@@ -169,8 +169,7 @@ const std::string& toolsJSON() {
       for (const Argument& argument : tool.arguments) writeProperty(writer, argument);
       writer.endObject();
       for (const Argument& argument : tool.arguments)
-        if (argument.read == Read::required || argument.read == Read::structured)
-          writer.key("required").beginArray().string(argument.name).endArray();
+        if (argument.isRequired()) writer.key("required").beginArray().string(argument.name).endArray();
       writer.endObject().endObject();
     }
     writer.endArray();

@@ -37,6 +37,9 @@ struct Argument {
   std::string_view description = {};              // absent when empty
   JsonType items = JsonType::none;                // element type, arrays only
   std::vector<std::string_view> enumValues = {};  // permitted values, strings only
+
+  // Without it the call fails: the schema lists it as required.
+  bool isRequired() const { return read == Read::required || read == Read::structured; }
 };
 
 struct ToolDefinition {

@@ -88,9 +88,11 @@ class CurlClient::Impl {
     if (!sockets_.empty() && (fresh || idleConnectionIsStale())) closeConnections();
     quietSince_ = {};
     if (!easy_) open();
-    if (!multi_ && !(multi_ = curl_->multi_init())) throw std::bad_alloc();
-    curl_->multi_setopt(multi_, CURLMOPT_MAXCONNECTS,
-                        1L);  // a request on a connection of its own retires the older one
+    if (!multi_) {
+      if (!(multi_ = curl_->multi_init())) throw std::bad_alloc();
+      // A request on a connection of its own retires the older one.
+      curl_->multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
+    }
 
     method_.assign(method);
     setopt(CURLOPT_CURLU, url);
@@ -112,9 +114,7 @@ class CurlClient::Impl {
     setopt(CURLOPT_CUSTOMREQUEST, method_.c_str());
 
     response_.status = 0;
-    response_.contentType.clear();
-    announced_ = 0;
-    chunked_ = false;
+    beginHead();
     sink_ = &sink;
     headed_ = false;
     failure_ = nullptr;
@@ -254,14 +254,19 @@ class CurlClient::Impl {
     return self.guarded([&] { self.header({data, size}); }) ? size : 0;
   }
 
+  // Forgets what was read of an earlier head.
+  void beginHead() {
+    response_.contentType.clear();
+    announced_ = 0;
+    chunked_ = false;
+  }
+
   // Of the head, the status and what the result needs: the content type and the
   // length HTTP gives the body.
   void header(std::string_view line) {
     if (headed_) return;              // trailers after a chunked body are not the head
     if (line.starts_with("HTTP/")) {  // a new response begins (after a 1xx, say)
-      response_.contentType.clear();
-      announced_ = 0;
-      chunked_ = false;
+      beginHead();
       return;
     }
     if (line == "\r\n" || line == "\n") {

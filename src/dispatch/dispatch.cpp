@@ -51,7 +51,7 @@ class Request {
     // and the body names them before the rest.
     for (bool first : {true, false})
       for (const Argument& argument : tool.arguments)
-        if (first == (argument.read == Read::required || argument.read == Read::structured)) add(argument);
+        if (first == argument.isRequired()) add(argument);
     if (object) json_.endObject(), hasBody_ = true;
   }
 

@@ -14,10 +14,12 @@ std::size_t StandardInput::read(char* buffer, std::size_t size) {
     int ready = ::poll(fds, idle >= 0 ? 3 : 2, idle >= 0 ? kIdleSeconds * 1000 : -1);
     if (ready < 0 && errno == EINTR) continue;
     if (fds[1].revents & (POLLERR | POLLHUP)) return 0;
-    if (idle >= 0 && (ready == 0 || fds[2].revents))
-      idle_->expire();
-    else if (idle >= 0)
-      idle_->stayedQuiet();
+    if (idle >= 0) {
+      if (ready == 0 || fds[2].revents)
+        idle_->expire();
+      else
+        idle_->stayedQuiet();
+    }
     if (ready == 0 || (ready > 0 && !fds[0].revents)) continue;
     ssize_t n;
     do n = ::read(input_, buffer, size);
